@@ -1,0 +1,53 @@
+# How everything here is compiled.
+
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_INSTALL_RPATH $ORIGIN $ORIGIN/../${CMAKE_INSTALL_LIBDIR})
+
+option(ZN_WERROR "Make every warning an error" OFF)
+set(ZN_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize takes them")
+
+find_package(Threads REQUIRED)
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
+  -Wold-style-cast -Wcast-qual -Wundef -Woverloaded-virtual)
+if(ZN_WERROR)
+  add_compile_options(-Werror)
+endif()
+
+if(ZN_SANITIZE)
+  # vptr asks for the classes' type information, and that does not leave the library.
+  set(sanitize -fsanitize=${ZN_SANITIZE} -fno-omit-frame-pointer)
+  if(ZN_SANITIZE MATCHES undefined)
+    list(APPEND sanitize -fno-sanitize=vptr -fno-sanitize-recover=undefined)
+  endif()
+  add_compile_options(${sanitize})
+  add_link_options(${sanitize})
+else()
+  # A symbol that nobody supplies is found here, not in the agent that loads the library. (Sanitized
+  # libraries leave theirs to the program.)
+  add_link_options($<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY>:-Wl,-z,defs>)
+endif()
+add_link_options(-Wl,-z,now -Wl,-z,relro)
+
+# A library of the stand-alone host: what it exports is listed in its version script.
+function(zn_host_library name script)
+  add_library(${name} SHARED ${ARGN})
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
+  target_link_options(${name} PRIVATE
+    -Wl,--version-script=${CMAKE_CURRENT_SOURCE_DIR}/${script})
+  set_target_properties(${name} PROPERTIES LINK_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${script})
+  install(TARGETS ${name} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+endfunction()
+
+# A test program: GoogleTest cases, each one a test of CTest.
+function(zn_test name)
+  add_executable(${name} ${ARGN})
+  target_link_libraries(${name} PRIVATE GTest::gmock GTest::gtest_main)
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+endfunction()

@@ -1,0 +1,58 @@
+// An intrusive shared pointer of the host's utility library.
+//
+// Thread-safety: the reference count is atomic, so that shares of one object may be taken and given up
+// on several threads; one SP object belongs to one thread at a time.
+#pragma once
+
+#include <atomic>
+
+// What an object must derive from to be shared. It is deleted with its last share.
+class SPEnabled
+{
+public:
+    SPEnabled();
+    SPEnabled(const SPEnabled&) = delete;
+    SPEnabled& operator=(const SPEnabled&) = delete;
+    virtual ~SPEnabled();
+
+private:
+    friend class SPBase;
+    std::atomic<int> m_shares{0};
+};
+
+// The one raw pointer behind every SP.
+class SPBase
+{
+public:
+    SPBase();
+    SPBase(const SPBase&) = delete;
+    SPBase& operator=(const SPBase&) = delete;
+    ~SPBase();
+
+    // Gives up the old share and takes one of `object`; null leaves the pointer empty.
+    void assign(SPEnabled* object);
+    void assign(const SPBase& other);
+
+    // The object, or null.
+    SPEnabled* get() const;
+
+private:
+    SPEnabled* m_object = nullptr;
+};
+
+template <class T>
+class SP : public SPBase
+{
+public:
+    SP(SPEnabled* object = nullptr) { assign(object); }
+    SP(const SP& other) : SPBase() { assign(other); }
+    SP& operator=(const SP& other)
+    {
+        assign(other);
+        return *this;
+    }
+    ~SP() = default;
+
+    // The object, or null when the pointer is empty.
+    T* operator->() const { return static_cast<T*>(get()); }
+};

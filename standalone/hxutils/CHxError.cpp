@@ -1,0 +1,16 @@
+#include "host/CHxError.h"
+
+// The stand-alone host has nothing to say beyond the code.
+class FXErrorPrivate : public SPEnabled
+{
+};
+
+CHxError::CHxError(std::int32_t code) : m_code(code) {}
+CHxError::CHxError(const CHxError&) = default;
+CHxError& CHxError::operator=(const CHxError&) = default;
+CHxError::~CHxError() = default;
+
+CHxError CHxError::Success()
+{
+    return CHxError(0);
+}

@@ -1,0 +1,44 @@
+#include "host/ZnDeviceTree.h"
+
+#include "standalone/zndevicetree/SysfsTree.h"
+
+#include <utility>
+
+namespace
+{
+
+const znhost::SysfsTree& ThisMachine()
+{
+    static const znhost::SysfsTree machine("/sys", "/dev");
+    return machine;
+}
+
+} // namespace
+
+ZnDevice::ZnDevice(std::string name, std::list<SP<ZnDevice>> children)
+    : m_name(std::move(name)), m_children(std::move(children))
+{
+}
+
+ZnDevice::~ZnDevice() = default;
+
+const std::string& ZnDevice::getName()
+{
+    return m_name;
+}
+
+std::list<SP<ZnDevice>> ZnDevice::getChildren()
+{
+    return m_children;
+}
+
+// The error object is left as it is: nobody but its own library can put a code into it.
+SP<ZnDevice> ZnDeviceTree::getDevice(const char* path, CHxError* /*error*/)
+{
+    return ThisMachine().FindDevice(path);
+}
+
+SP<ZnDevice> ZnDeviceTree::getParentDevice(const char* path, CHxError* /*error*/)
+{
+    return ThisMachine().FindWholeDevice(path);
+}

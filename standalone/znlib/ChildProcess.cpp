@@ -1,0 +1,210 @@
+#include "standalone/znlib/ChildProcess.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
+
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+// clone by its other name. The thread sanitizer takes clone for a fork, which it is not here, and then
+// no longer knows this process's threads.
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the C library's own
+extern "C" int __clone(int (*start)(void*), void* stack, int flags, void* argument, ...) noexcept;
+
+namespace znlib
+{
+
+namespace
+{
+
+// P_PIDFD, which the C library names from release 2.36 on.
+constexpr auto kByPidfd = static_cast<idtype_t>(3);
+
+// What PIDFD_GET_INFO (Linux 6.13) tells of a pidfd's process. The status of one that was reaped is
+// part of it from Linux 6.15 on.
+struct PidfdInfo
+{
+    std::uint64_t mask; // what is asked for, then what was told
+    std::uint64_t cgroup;
+    std::uint32_t pid, threadGroup, parent;
+    std::uint32_t userAndGroupIds[8];
+    std::int32_t waitStatus;
+};
+static_assert(sizeof(PidfdInfo) == 64, "the size is part of the request's number");
+constexpr unsigned long kPidfdGetInfo = _IOWR(0xFF, 11, PidfdInfo);
+constexpr std::uint64_t kPidfdInfoExit = 1U << 3;
+
+// `opened`, moved above the standard descriptors if this process had closed these: the child gets its
+// streams there, and what becomes one must not lie in the place of another.
+Descriptor AboveStandard(Descriptor opened)
+{
+    if (opened.Get() > STDERR_FILENO)
+        return opened;
+    return Descriptor(
+        Checked(fcntl(opened.Get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1), "cannot move a descriptor"));
+}
+
+struct Pipe
+{
+    Descriptor readEnd;
+    Descriptor writeEnd;
+};
+
+Pipe MakePipe()
+{
+    int ends[2];
+    Checked(pipe2(ends, O_CLOEXEC), "cannot make a pipe");
+    Pipe made{Descriptor(ends[0]), Descriptor(ends[1])};
+    return {AboveStandard(std::move(made.readEnd)), AboveStandard(std::move(made.writeEnd))};
+}
+
+// This process's environment with LC_ALL=C, so that the tool speaks as its readers expect.
+std::vector<char*> ToolEnvironment()
+{
+    static char plainLocale[] = "LC_ALL=C";
+    std::vector<char*> variables;
+    for (char** variable = environ; variable != nullptr && *variable != nullptr; ++variable)
+    {
+        if (std::strncmp(*variable, "LC_ALL=", 7) != 0)
+            variables.push_back(*variable);
+    }
+    variables.push_back(plainLocale);
+    variables.push_back(nullptr);
+    return variables;
+}
+
+// What the child needs to become the tool, and what kept it from that.
+struct Start
+{
+    char* const* words;
+    char* const* environment;
+    int streams[3];
+    int error = 0;
+};
+
+// The child's part. It has its own descriptors and signals but runs in this process's memory, so it
+// does nothing but system calls; and it passes by the sanitizers, which would take them for this
+// process's.
+__attribute__((no_sanitize("thread"))) int BecomeTool(void* argument)
+{
+    // As the kernel has it: all zero is the default action. The C library's sigaction would refuse the
+    // two signals that it uses itself.
+    constexpr unsigned long kDefaultAction[4] = {};
+    constexpr unsigned long kNoSignals[1] = {};
+    Start& start = *static_cast<Start*>(argument);
+    for (int signal = 1; signal < NSIG; ++signal)
+        syscall(SYS_rt_sigaction, signal, kDefaultAction, nullptr, sizeof kNoSignals);
+    for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
+        syscall(SYS_dup3, start.streams[stream], stream, 0);
+    closefrom(STDERR_FILENO + 1);
+    syscall(SYS_rt_sigprocmask, SIG_SETMASK, kNoSignals, nullptr, sizeof kNoSignals);
+    execve(start.words[0], start.words, start.environment);
+    start.error = errno;
+    return EXIT_FAILURE;
+}
+
+// Starts a child as posix_spawn does, at a cost that does not grow with this process: it borrows the
+// memory while this thread waits until it has become the tool, or failed to. Unlike posix_spawn before
+// release 2.39 of the C library, this gives the pidfd with the start: were it asked for afterwards, a
+// process that ignores SIGCHLD would miss the end of a short run. Older kernels leave `pidfd` as it is.
+pid_t CloneTool(Start& start, int& pidfd)
+{
+    constexpr int kFlags = CLONE_VM | CLONE_VFORK | CLONE_PIDFD | SIGCHLD;
+    std::vector<char> stack(65536);
+    sigset_t all, before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before); // no handler of this process runs in the child
+    const pid_t pid = __clone(BecomeTool, stack.data() + stack.size(), kFlags, &start, &pidfd);
+    if (pid < 0)
+        start.error = errno;
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return pid;
+}
+
+// The result of a process that somebody else has reaped, or is just reaping.
+std::optional<int> ReadLostResult(const Descriptor& pidfd)
+{
+    // The pidfd hangs up when the process is reaped. Its status may be there before; it is afterwards.
+    constexpr int kLongestReapingMs = 1000;
+    for (const int timeoutMs : {0, kLongestReapingMs})
+    {
+        pollfd reaped{pidfd.Get(), 0, 0};
+        Uninterrupted([&] { return poll(&reaped, 1, timeoutMs); });
+        PidfdInfo info{};
+        info.mask = kPidfdInfoExit;
+        const bool isKnown = ioctl(pidfd.Get(), kPidfdGetInfo, &info) == 0;
+        if (!isKnown && errno != ESRCH)
+            return std::nullopt;
+        const int status = info.waitStatus;
+        if (isKnown && (info.mask & kPidfdInfoExit) != 0)
+            return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+ChildProcess::ChildProcess(char* const* words)
+{
+    const Descriptor input = AboveStandard(
+        Descriptor(Checked(open("/dev/null", O_RDONLY | O_CLOEXEC), "cannot open /dev/null")));
+    Pipe output = MakePipe();
+    Pipe errorOutput = MakePipe();
+    std::vector<char*> environment = ToolEnvironment();
+    Start start{
+        words, environment.data(), {input.Get(), output.writeEnd.Get(), errorOutput.writeEnd.Get()}};
+    int pidfd = -1;
+    m_pid = CloneTool(start, pidfd);
+    m_pidfd = Descriptor(pidfd);
+    siginfo_t unused{};
+    if (m_pidfd.IsOpen() && Wait(unused, WEXITED | WNOHANG | WNOWAIT) != 0 && errno == EINVAL)
+        m_pidfd.Close(); // Linux 5.2 and 5.3: there is one, but not to be waited on
+    if (start.error != 0)
+    {
+        if (m_pid > 0)
+            Uninterrupted([&] { return Wait(unused, WEXITED); });
+        throw std::system_error(start.error, std::generic_category());
+    }
+    m_output = std::move(output.readEnd);
+    m_errorOutput = std::move(errorOutput.readEnd);
+}
+
+ChildProcess::~ChildProcess()
+{
+    // First the pipes: a child that is blocked on a full one goes on, or is killed by SIGPIPE.
+    m_output.Close();
+    m_errorOutput.Close();
+    siginfo_t unused{};
+    if (!m_ended)
+        Uninterrupted([&] { return Wait(unused, WEXITED); });
+}
+
+bool ChildProcess::HasEnded()
+{
+    if (m_ended)
+        return true;
+    siginfo_t end{};
+    if (Uninterrupted([&] { return Wait(end, WEXITED | WNOHANG); }) != 0)
+        m_result = ReadLostResult(m_pidfd);
+    else if (end.si_pid != 0)
+        m_result = end.si_code == CLD_EXITED ? end.si_status : 128 + end.si_status;
+    else
+        return false;
+    m_ended = true;
+    return true;
+}
+
+int ChildProcess::Wait(siginfo_t& end, int options) const
+{
+    if (m_pidfd.IsOpen())
+        return waitid(kByPidfd, static_cast<id_t>(m_pidfd.Get()), &end, options);
+    return waitid(P_PID, static_cast<id_t>(m_pid), &end, options);
+}
+
+} // namespace znlib

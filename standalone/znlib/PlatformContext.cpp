@@ -1,0 +1,18 @@
+#include "host/ZNPI_PlatformBase.h"
+
+#include <cerrno>
+
+// The stand-alone host has one focus: the program that it is part of.
+const char* ZNPI_Focus::getFocus()
+{
+    return program_invocation_short_name;
+}
+
+ZNPI_PlatformBase::ZNPI_PlatformBase() : m_focus("") {}
+
+ZNPI_PlatformBase::~ZNPI_PlatformBase() = default;
+
+void ZNPI_PlatformBase::setFocus(const char* focus)
+{
+    m_focus = focus;
+}

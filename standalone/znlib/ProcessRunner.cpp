@@ -1,0 +1,181 @@
+#include "host/ZnProcess.h"
+
+#include "host/Wipe.h"
+#include "standalone/znlib/ChildProcess.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <sys/ioctl.h>
+
+#include <algorithm>
+#include <exception>
+#include <stdexcept>
+#include <system_error>
+#include <vector>
+
+using znlib::Checked;
+using znlib::ChildProcess;
+using znlib::Descriptor;
+using znlib::Uninterrupted;
+
+namespace
+{
+
+// The result of a run without an exit status. The error output says why.
+constexpr int kFailedRun = -1;
+
+// Makes room for `size` bytes in `text`, at least twice as much as it had. What a tool reports may be
+// secret: no buffer goes back to the heap with its contents.
+void ReserveWiping(std::string& text, size_t size)
+{
+    if (size <= text.capacity())
+        return;
+    std::string grown;
+    grown.reserve(std::max(size, 2 * text.capacity()));
+    grown.append(text);
+    Wipe(text);
+    text.swap(grown);
+}
+
+// A command line, cut at its blanks, the space character. Blanks that follow each other count as one,
+// and those at the ends as none: there are no empty words. It may hold a secret, so it is wiped.
+class Words
+{
+public:
+    // `line` may be null, which is an empty line.
+    explicit Words(const char* line) : m_line(line == nullptr ? "" : line)
+    {
+        char* const end = m_line.data() + m_line.size();
+        for (char* word = m_line.data(); word != end;)
+        {
+            char* const blank = std::find(word, end, ' ');
+            if (word != blank)
+                m_words.push_back(word);
+            word = blank == end ? end : blank + 1;
+            *blank = '\0';
+        }
+        m_words.push_back(nullptr);
+    }
+    Words(const Words&) = delete;
+    Words& operator=(const Words&) = delete;
+    ~Words() { Wipe(m_line); }
+
+    // The path of the tool; null if there is no word at all.
+    const char* Tool() const { return m_words.front(); }
+    // All words, the tool first; a null ends them.
+    char* const* All() const { return m_words.data(); }
+
+private:
+    std::string m_line;
+    std::vector<char*> m_words;
+};
+
+// While it lives, a request to cancel this thread waits: no run is given up half-way.
+class CancellationPause
+{
+public:
+    CancellationPause() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_before); }
+    CancellationPause(const CancellationPause&) = delete;
+    CancellationPause& operator=(const CancellationPause&) = delete;
+    ~CancellationPause() { pthread_setcancelstate(m_before, nullptr); }
+
+private:
+    int m_before = PTHREAD_CANCEL_ENABLE;
+};
+
+// Appends what one read of `pipe` gives to `text` and returns its size in bytes. Blocks while the pipe
+// is empty; at its end, closes it and returns 0.
+size_t ReadSome(Descriptor& pipe, std::string& text)
+{
+    constexpr size_t kFullPipe = 65536;
+    const size_t before = text.size();
+    ReserveWiping(text, before + kFullPipe);
+    text.resize(before + kFullPipe);
+    const auto count = Uninterrupted([&] { return read(pipe.Get(), &text[before], kFullPipe); });
+    text.resize(before + static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    if (Checked(count, "cannot read its output") == 0)
+        pipe.Close();
+    return text.size() - before;
+}
+
+// Appends what lies in `pipe` to `text`, but nothing that is written later: there may be no end of
+// that.
+void ReadRest(Descriptor& pipe, std::string& text)
+{
+    int left = 0;
+    if (pipe.IsOpen())
+        Checked(ioctl(pipe.Get(), FIONREAD, &left), "cannot read its output");
+    const size_t wanted = text.size() + static_cast<size_t>(left);
+    while (text.size() < wanted && ReadSome(pipe, text) > 0)
+    {
+    }
+}
+
+// Reads both streams until `child` has ended. Its end decides, not that of the pipes: a daemon that it
+// leaves behind may hold these open.
+void CaptureUntilEnd(ChildProcess& child, std::string& output, std::string& errorOutput)
+{
+    constexpr int kLongestPauseMs = 50;
+    int pauseMs = 1; // between two looks at a child that has no event for its end
+    while (!child.HasEnded())
+    {
+        pollfd events[] = {{child.Output().Get(), POLLIN, 0},
+                           {child.ErrorOutput().Get(), POLLIN, 0},
+                           {child.EndEvent().Get(), POLLIN, 0}};
+        const int timeoutMs = child.EndEvent().IsOpen() ? -1 : pauseMs;
+        // A signal ends the pause as well: begun anew after each, it might never end.
+        if (poll(events, std::size(events), timeoutMs) < 0 && errno != EINTR)
+            throw std::system_error(errno, std::generic_category(), "cannot wait for its end");
+        if (events[0].revents != 0)
+            ReadSome(child.Output(), output);
+        if (events[1].revents != 0)
+            ReadSome(child.ErrorOutput(), errorOutput);
+        pauseMs = std::min(2 * pauseMs, kLongestPauseMs);
+    }
+    ReadRest(child.Output(), output);
+    ReadRest(child.ErrorOutput(), errorOutput);
+}
+
+// As ZnProcess::system, for a line that has words. Throws when the tool cannot be started or read.
+int Run(const Words& words, std::string& output, std::string& errorOutput)
+{
+    if (*words.Tool() != '/')
+        throw std::invalid_argument("not a full path");
+    ChildProcess child(words.All());
+    CaptureUntilEnd(child, output, errorOutput);
+    if (child.Result())
+        return *child.Result();
+    const std::string reason =
+        "cannot tell the exit status of " + std::string(words.Tool()) +
+        ": taken away by this process, which ignores SIGCHLD or reaps every child";
+    ReserveWiping(errorOutput, errorOutput.size() + 1 + reason.size());
+    errorOutput += errorOutput.empty() || errorOutput.back() == '\n' ? reason : '\n' + reason;
+    return kFailedRun;
+}
+
+} // namespace
+
+int ZnProcess::system(const char* command, std::string* output, std::string* errorOutput,
+                      int /*reserved*/, bool /*reserved*/)
+{
+    const CancellationPause pause;
+    Wipe(*output);
+    Wipe(*errorOutput);
+    const Words words(command);
+    if (words.Tool() == nullptr)
+    {
+        *errorOutput = "cannot run a tool: the command line is empty";
+        return kFailedRun;
+    }
+    try
+    {
+        return Run(words, *output, *errorOutput);
+    }
+    catch (const std::exception& error)
+    {
+        Wipe(*output);
+        Wipe(*errorOutput);
+        *errorOutput = std::string("cannot run ") + words.Tool() + ": " + error.what();
+        return kFailedRun;
+    }
+}

@@ -1,0 +1,173 @@
+#include "standalone/znlib/Registry.h"
+
+#include "host/EvDebug.h"
+#include "host/ZNPlatformInfo.h"
+
+// Property tree's parser, since the small C readers cut long lines and section names, and take " ;" for
+// a comment inside quotes too.
+#include <boost/property_tree/ini_parser.hpp>
+#include <boost/property_tree/ptree.hpp>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+
+namespace
+{
+
+using boost::property_tree::ptree;
+
+// The text of `file`, empty when there is no such file. Throws the reason when it can't be read.
+std::string ReadText(const std::string& file)
+{
+    constexpr std::size_t kMostBytes = 1 << 20;
+
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(std::fopen(file.c_str(), "re"),
+                                                                 &std::fclose);
+    if (stream == nullptr && (errno == ENOENT || errno == ENOTDIR))
+        return {};
+    std::string text(kMostBytes + 1, '\0');
+    if (stream != nullptr)
+        text.resize(std::fread(text.data(), 1, text.size(), stream.get()));
+    if (stream == nullptr || std::ferror(stream.get()) != 0)
+        throw std::runtime_error(std::generic_category().message(errno));
+    if (text.size() > kMostBytes)
+        throw std::runtime_error("longer than 1 MiB");
+    if (text.find('\0') != std::string::npos)
+        throw std::runtime_error("not a text file");
+    return text;
+}
+
+// [~iStoreNode]
+// nRetryCounter = 3
+// VolumeKey = "Volume: "
+//
+// Sections hold keys, and neither nests, whatever dots and slashes their names have. Throws the reason,
+// with the line's number, when `text` is anything else.
+ptree ParseRegistry(const std::string& text)
+{
+    ptree registry;
+    try
+    {
+        std::istringstream stream(text);
+        boost::property_tree::read_ini(stream, registry);
+    }
+    catch (const boost::property_tree::ini_parser_error& error)
+    {
+        throw std::runtime_error("line " + std::to_string(error.line()) + ": " + error.message());
+    }
+    return registry;
+}
+
+// By find(): get() would take a name for a path and split it at its dots.
+std::optional<std::string> FindValue(const ptree& registry, const std::string& section,
+                                     const std::string& key)
+{
+    const auto values = registry.find(section);
+    if (values == registry.not_found())
+        return std::nullopt;
+    const auto found = values->second.find(key);
+    if (found == values->second.not_found())
+        return std::nullopt;
+    return found->second.data();
+}
+
+std::string WithoutQuotes(const std::string& value)
+{
+    const bool isQuoted = value.size() >= 2 && value.front() == '"' && value.back() == '"';
+    return isQuoted ? value.substr(1, value.size() - 2) : value;
+}
+
+void LogError(const char* tag, const std::string& message)
+{
+    EvEvent log;
+    log.DebugLvl(tag, -1, "%s", message.c_str());
+}
+
+void LogUnfit(const char* tag, const char* section, const char* key, const std::string& reason)
+{
+    LogError(tag, std::string("cannot use [") + section + "] " + key + " of " + znhost::RegistryFile() +
+                      ": " + reason);
+}
+
+std::optional<std::string> ReadOrLog(const char* tag, const char* section, const char* key)
+{
+    std::string error;
+    std::optional<std::string> value = znhost::ReadRegistryValue(section, key, error);
+    if (!error.empty())
+        LogError(tag, error);
+    return value;
+}
+
+} // namespace
+
+std::string znhost::RegistryFile()
+{
+    const char* const file = std::getenv("ZN_REGISTRY");
+    return file != nullptr && *file != '\0' ? file : "/etc/zniscsi/registry.ini";
+}
+
+std::optional<std::string> znhost::ReadRegistryValue(const std::string& section, const std::string& key,
+                                                     std::string& error)
+{
+    error.clear();
+    const std::string file = RegistryFile();
+    try
+    {
+        const std::string value =
+            WithoutQuotes(FindValue(ParseRegistry(ReadText(file)), section, key).value_or(""));
+        return value.empty() ? std::nullopt : std::optional(value);
+    }
+    catch (const std::runtime_error& reason)
+    {
+        error = "cannot read " + file + ": " + reason.what();
+        return std::nullopt;
+    }
+}
+
+ZNPlatformInfo::ZNPlatformInfo() = default;
+ZNPlatformInfo::~ZNPlatformInfo() = default;
+
+std::string ZNPlatformInfo::getSectionName(const char* name, const char* subName)
+{
+    const std::string section = std::string("~") + name;
+    return subName == nullptr ? section : section + "/" + subName;
+}
+
+int ZNPlatformInfo::getString(const char* section, const char* key, char* buffer, int bufferSize)
+{
+    constexpr char kTag[] = "ZNPlatformInfo::getString";
+    const std::optional<std::string> value = ReadOrLog(kTag, section, key);
+    if (!value)
+        return 0;
+    if (bufferSize < 0 || value->size() >= static_cast<std::size_t>(bufferSize))
+    {
+        LogUnfit(kTag, section, key,
+                 std::to_string(value->size()) + " bytes do not fit into " +
+                     std::to_string(bufferSize) + " with the terminating zero");
+        return 0;
+    }
+    std::memcpy(buffer, value->c_str(), value->size() + 1);
+    return 1;
+}
+
+bool ZNPlatformInfo::getRegInt(const char* section, const char* key, int* value)
+{
+    constexpr char kTag[] = "ZNPlatformInfo::getRegInt";
+    const std::optional<std::string> text = ReadOrLog(kTag, section, key);
+    if (!text)
+        return false;
+    const std::optional<int> number = znhost::ParseNumber<int>(*text);
+    if (!number)
+    {
+        LogUnfit(kTag, section, key, "\"" + *text + "\" is not a decimal number of 32 bits");
+        return false;
+    }
+    *value = *number;
+    return true;
+}

@@ -1,0 +1,62 @@
+// The detector on the release files of many systems, and on this one.
+#include "standalone/znlib/OsDetector.h"
+#include "host/OSType.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+TEST(OsDetector, ReadsReleaseFiles)
+{
+    const fs::path root = testing::TempDir() + "os-" + std::to_string(::getpid());
+    std::ifstream lines(DATA "os-releases.txt");
+    std::ofstream file;
+    int systems = 0;
+    for (std::string line; std::getline(lines, line);)
+    {
+        if (line.rfind("--- ", 0) == 0)
+        {
+            const fs::path path = root / line.substr(4);
+            fs::create_directories(path.parent_path());
+            file = std::ofstream(path);
+        }
+        else if (line.rfind("=> ", 0) == 0)
+        {
+            file.close();
+            const auto system = znhost::ReadOperatingSystem(root);
+            const std::string found =
+                std::to_string(system.family) + ' ' + std::to_string(system.release);
+            EXPECT_EQ("=> " + found, line.substr(0, line.find(','))) << line;
+            fs::remove_all(root);
+            ++systems;
+        }
+        else
+        {
+            file << line << '\n';
+        }
+    }
+    EXPECT_EQ(19, systems);
+}
+
+TEST(OsDetector, FillsTheGlobalsForManyThreads)
+{
+    const znhost::OperatingSystem system = znhost::ReadOperatingSystem("/");
+    const auto detect = [&system]
+    {
+        for (int call = 0; call < 50; ++call)
+        {
+            detectOSType();
+            EXPECT_EQ(system.family, g_iOsType);
+            EXPECT_EQ(system.release, g_iOsVersion);
+        }
+    };
+    std::thread other(detect);
+    detect();
+    other.join();
+}

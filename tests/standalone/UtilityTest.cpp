@@ -1,0 +1,90 @@
+// The shared pointer and the sleep.
+
+#include "host/HxSleep.h"
+#include "host/SP.h"
+#include "standalone/hxutils/Pauses.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <thread>
+#include <vector>
+
+#include <sys/time.h>
+
+namespace
+{
+
+class Counted : public SPEnabled
+{
+public:
+    explicit Counted(int& alive) : m_alive(alive) { ++m_alive; }
+    ~Counted() override { --m_alive; }
+
+private:
+    int& m_alive;
+};
+
+TEST(SharedPointer, DeletesWithTheLastShare)
+{
+    int alive = 0;
+    {
+        SP<Counted> empty;
+        EXPECT_EQ(empty.operator->(), nullptr);
+        SP<Counted> one(new Counted(alive));
+        const SP<Counted> two(one);
+        one = *&one;
+        one = SP<Counted>(new Counted(alive));
+        EXPECT_EQ(alive, 2);
+        empty = two;
+        one = empty;
+        EXPECT_EQ(alive, 1);
+        EXPECT_EQ(one.operator->(), two.operator->());
+    }
+    EXPECT_EQ(alive, 0);
+}
+
+TEST(SharedPointer, IsSharedAmongThreads)
+{
+    int alive = 0;
+    {
+        const SP<Counted> shared(new Counted(alive));
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 4; ++i)
+            threads.emplace_back(
+                [&shared]
+                {
+                    for (int round = 0; round < 10000; ++round)
+                        const SP<Counted> share(
+                            shared); // NOLINT(performance-unnecessary-copy-initialization)
+                });
+        for (std::thread& thread : threads)
+            thread.join();
+        EXPECT_EQ(alive, 1);
+    }
+    EXPECT_EQ(alive, 0);
+}
+
+std::chrono::milliseconds Slept(unsigned long milliseconds)
+{
+    const auto start = std::chrono::steady_clock::now();
+    HXSLEEP_InTeRnAl(milliseconds, "test", __LINE__);
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                 start);
+}
+
+TEST(Sleep, LastsThroughSignalsAndNoLongerThanAllowed)
+{
+    std::signal(SIGALRM, [](int) {});
+    const itimerval often{{0, 5000}, {0, 5000}};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    EXPECT_GE(Slept(100).count(), 100);
+    const itimerval never{};
+    setitimer(ITIMER_REAL, &never, nullptr);
+
+    znhost::LimitPauses(std::chrono::milliseconds(1));
+    EXPECT_LT(Slept(3600000).count(), 3600000); // an hour: the test's own time limit would end it
+}
+
+} // namespace
