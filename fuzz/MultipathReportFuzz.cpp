@@ -1,0 +1,25 @@
+#include "host/OSType.h"
+#include "multipath/ZnISCSILinux.h"
+
+#include <cstdlib>
+
+// Any machine will do: this program's own detector takes precedence.
+std::int32_t g_iOsType = 1;
+std::int32_t g_iOsVersion = 9;
+void detectOSType() {}
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size)
+{
+    static const int quiet = setenv("ZN_LOG_FILE", "/dev/null", 1);
+    static_cast<void>(quiet);
+    static ZnISCSI* const instance = GetInstance();
+    std::vector<DellMPIOSessionInfo> records(1);
+    const bool parsed =
+        static_cast<ZnISCSIUnix*>(instance)->ParseDellMPIOOutput(std::string(data, data + size), records);
+    if (parsed != (size != 0))
+        std::abort();
+    for (const DellMPIOSessionInfo& record : records)
+        if ((record.sVolumeName + record.sTargetIQN + record.sMPIODevice).find('\n') != std::string::npos)
+            std::abort();
+    return 0;
+}

@@ -1,0 +1,29 @@
+#include "host/CallLog.h"
+
+#include <algorithm>
+
+CallLog::CallLog(EvDebug& log, const char* tag, std::optional<unsigned long long> jobId)
+    : m_log(log), m_tag(tag), m_jobId(jobId)
+{
+}
+
+bool CallLog::Accepts(std::initializer_list<const void*> required) const
+{
+    if (std::find(required.begin(), required.end(), nullptr) == required.end())
+        return true;
+    RefuseParameters();
+    return false;
+}
+
+bool CallLog::HostIsServed() const
+{
+    if (IsServedHost())
+        return true;
+    Error(kUnsupportedHost);
+    return false;
+}
+
+void CallLog::RefuseParameters() const
+{
+    Error("Invalid parameters.");
+}

@@ -1,0 +1,111 @@
+// How the library's functions write to the host's debug log: one log context a call, all lines under
+// the function's tag.
+//
+// Thread-safety: a log belongs to one call on one thread.
+#pragma once
+
+#include "host/EvDebug.h"
+#include "host/ServedHost.h"
+#include "host/ZNPI_PlatformBase.h"
+
+#include <initializer_list>
+#include <optional>
+#include <type_traits>
+
+// The lines of one call. Formats are fixed texts with %s and %d; text composed at run time is an
+// argument.
+class CallLog
+{
+public:
+    // Why the operation, or one step of it, failed.
+    template <class... Values>
+    void Error(const char* format, Values... values) const
+    {
+        Write(-1, format, values...);
+    }
+
+    // Progress and findings.
+    template <class... Values>
+    void Info(const char* format, Values... values) const
+    {
+        Write(0, format, values...);
+    }
+
+    // The raw text that a parser is given.
+    template <class... Values>
+    void Detail(const char* format, Values... values) const
+    {
+        Write(2, format, values...);
+    }
+
+    // False, with a line that says so, when one of the required arguments is null.
+    bool Accepts(std::initializer_list<const void*> required) const;
+
+    // False, with a line that says so, on a host that the library does not serve.
+    bool HostIsServed() const;
+
+    void RefuseParameters() const;
+
+protected:
+    // Without a job identifier the lines are written without one.
+    CallLog(EvDebug& log, const char* tag, std::optional<unsigned long long> jobId);
+
+private:
+    template <class... Values>
+    void Write(int level, const char* format, Values... values) const
+    {
+        static_assert(((std::is_same_v<Values, const char*> || std::is_same_v<Values, int>)&&...),
+                      "the formats convert %s and %d, nothing else");
+// The formats are literals of this library's own functions, handed through.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-security"
+        if (m_jobId)
+            m_log.DebugLvl(m_tag, level, static_cast<long long>(*m_jobId), format, values...);
+        else
+            m_log.DebugLvl(m_tag, level, format, values...);
+#pragma GCC diagnostic pop
+    }
+
+    EvDebug& m_log;
+    const char* m_tag;
+    std::optional<unsigned long long> m_jobId;
+};
+
+// The three contexts in which a function may write; each is open for as long as the call lasts.
+
+struct FocusedPlatform : ZNPI_PlatformBase
+{
+    FocusedPlatform() { setFocus(ZNPI_Focus::getFocus()); }
+};
+
+struct FullContext
+{
+    FocusedPlatform m_platform;
+    EvEvent m_log;
+};
+
+struct EventContext
+{
+    EvEvent m_log;
+};
+
+struct PlainContext
+{
+    EvDebug m_log{nullptr};
+};
+
+// A log that opens its context first and closes it last.
+template <class Context>
+class CallLogIn : private Context, public CallLog
+{
+public:
+    explicit CallLogIn(const char* tag, std::optional<unsigned long long> jobId = std::nullopt)
+        : CallLog(Context::m_log, tag, jobId)
+    {
+    }
+};
+
+using FullLog = CallLogIn<FullContext>;
+using EventLog = CallLogIn<EventContext>;
+using PlainLog = CallLogIn<PlainContext>;

@@ -1,0 +1,76 @@
+#include "host/ToolRun.h"
+
+#include "host/Wipe.h"
+#include "host/ZnProcess.h"
+
+#include <unistd.h>
+
+ToolRun::ToolRun(const CallLog& log, const Tool& tool, std::string_view secret)
+    : m_log(log), m_tool(tool), m_secret(secret)
+{
+}
+
+ToolRun::~ToolRun()
+{
+    Wipe(m_output);
+    Wipe(m_errorOutput);
+}
+
+bool ToolRun::ToolExists() const
+{
+    if (access(m_tool.path, F_OK) == 0)
+        return true;
+    m_log.Error(m_tool.notFound);
+    return false;
+}
+
+bool ToolRun::Run(const std::string& command)
+{
+    m_log.Info("Running [%s]", command.c_str());
+    return Start(command.c_str());
+}
+
+bool ToolRun::RunOrLogFailure(const std::string& command)
+{
+    if (Run(command))
+        return true;
+    LogFailure(command);
+    return false;
+}
+
+bool ToolRun::RunWithSecretOrLogFailure(const std::string& shown, std::string_view fragment)
+{
+    m_log.Info("Running [%s]", shown.c_str());
+    const WipedString command({shown, fragment, m_secret});
+    if (Start(command.c_str()))
+        return true;
+    LogFailure(shown);
+    return false;
+}
+
+void ToolRun::LogFailure(const std::string& command, std::string_view sequel) const
+{
+    std::string failure = "Failed to run " + command + ": " + PrintableErrorOutput();
+    failure += sequel;
+    m_log.Error("%s", failure.c_str());
+}
+
+std::string ToolRun::PrintableErrorOutput() const
+{
+    std::string text = m_errorOutput;
+    if (m_secret.empty())
+        return text;
+    constexpr std::string_view kMask = "********";
+    for (std::size_t at = text.find(m_secret); at != std::string::npos;
+         at = text.find(m_secret, at + kMask.size()))
+        text.replace(at, m_secret.size(), kMask);
+    return text;
+}
+
+bool ToolRun::Start(const char* command)
+{
+    // The strings that the runner is about to replace may repeat the secret.
+    Wipe(m_output);
+    Wipe(m_errorOutput);
+    return ZnProcess::system(command, &m_output, &m_errorOutput, 0, false) == 0;
+}

@@ -1,0 +1,67 @@
+// The operations on Red Hat family Linux: the concrete class, the work behind each of its methods, and
+// the parser of the initiator's session reports.
+//
+// Thread-safety: as the interface; the free functions and the parser share nothing.
+#pragma once
+
+#include "multipath/ZnISCSILinux.h"
+
+#include <list>
+#include <string>
+#include <vector>
+
+#pragma GCC visibility push(default)
+
+class ZnISCSILinuxRedhat : public ZnISCSIUnix
+{
+public:
+    ZnISCSILinuxRedhat();
+    ~ZnISCSILinuxRedhat();
+
+    int GetTargetIPAndIQNForDevice(const char* deviceName, char* portalBuffer,
+                                   unsigned long& portalBufferSize, char* iqnBuffer,
+                                   unsigned long& iqnBufferSize) override;
+    int RefreshiSCSITargetPortal(const char* portal) override;
+    int LogOnToiSCSITarget(const char* portal, const char* targetIQN) override;
+    int LogOffFromiSCSITarget(const char* portal, const char* targetIQN) override;
+    int GetPhysicalDeviceForTargetIQN(const char* targetIQN, char* deviceBuffer,
+                                      unsigned long& deviceBufferSize) override;
+    int GetPhysicalDevicesForTargetIQN(const char* targetIQN, std::list<std::string>& devices) override;
+    int LogOnToiSCSITargetUsingCHAP(const char* portal, const char* targetIQN, const char* userName,
+                                    const char* password) override;
+
+    // Removes the initiator's node record of the target at the portal. Not part of the interface. 0
+    // when there is no such record, and where the tool refuses because a session is using it.
+    int DeleteiSCSIIQNFromiSCSIAdmDb(const char* portal, const char* targetIQN);
+};
+
+// The work of the methods, without their host check. Each answers as its method does.
+int RefreshISCSISystemBus_RedHat5(const char* portal);
+int LogOnToISCSITarget_RedHat5(const char* portal, const char* targetIQN);
+int LogOnToISCSITargetUsingCHAP_RedHat5(const char* portal, const char* targetIQN, const char* userName,
+                                        const char* password);
+int LogOffFromISCSITarget_RedHat5(const char* portal, const char* targetIQN);
+int DeleteiSCSIIQNFromiSCSIAdmDb_RedHat5(const char* portal, const char* targetIQN);
+
+// Appends the disks of the target to `devices`. True when there was one.
+bool FindPhyDeviceNameFromISCSITargetIQN_RedHat5(std::string targetIQN,
+                                                 std::list<std::string>& devices);
+
+// Finds the portal and the IQN behind a device. Both strings are emptied first; after a failure they
+// may hold what was found before it.
+bool FindISCSITargetPortalAndIQN_RedHat5(const std::string& deviceName, std::string& portal,
+                                         std::string& targetIQN);
+
+// One attached disk of a session report.
+struct iSSCSISessionInfo
+{
+    std::string sDeviceName;   // "/dev/sdb"
+    std::string sTargetPortal; // "192.0.2.10": the address up to its first colon
+    std::string sTargetVolIQN;
+};
+
+// Appends a record for each attached disk of `report`, in the order of the report, to `records`. Always
+// true; text that breaks off yields what stands before the break. Takes time linear in the report.
+bool ParseIscsiadmSessionInfoOutput(const std::string& report, std::vector<iSSCSISessionInfo>& records);
+
+#pragma GCC visibility pop

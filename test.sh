@@ -1,0 +1,78 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds, and runs every test.
+#
+#   ./test.sh                the tests
+#   ./test.sh --sanitizers   and once more under the address, undefined and thread sanitizers
+#   ./test.sh --real         and then the real initiator against a real target, in a virtual machine
+#
+# Ends in a line "N passed, N failed", with ", N skipped" and the reasons above it where something cannot
+# run on this machine. Exit status 0 only if nothing failed.
+set -euo pipefail
+cd "$(dirname "$0")"
+
+presets=(release)
+real=no
+for option in "$@"; do
+    case $option in
+    --sanitizers) presets+=(asan tsan) ;;
+    --real) real=yes ;;
+    *)
+        sed -n '2,9s/^# \{0,1\}//p' "$0" >&2
+        exit 2
+        ;;
+    esac
+done
+
+# shellcheck source=scripts/prepare.sh
+. scripts/prepare.sh
+
+passed=0
+failed=0
+skipped=0
+
+# CTest's closing lines: "98% tests passed, 1 tests failed out of 61", and a list of what did not run.
+run_tests() { # PRESET
+    local log="$log_folder/test-$1.log" total bad not_run
+    echo "testing ($1)"
+    if ! ctest --test-dir "build/$1" --output-on-failure -j "$(nproc)" >"$log" 2>&1 </dev/null; then
+        sed -n '/\*\*\*Failed\|\*\*\*Timeout\|\*\*\*Exception\|Failure$/,/^ *[0-9]*\/[0-9]* Test/p' "$log" | head -n 200 >&2
+        sed -n '/The following tests FAILED/,$p' "$log" >&2
+    fi
+    total=$(sed -n 's/.* tests failed out of \([0-9]*\)$/\1/p' "$log")
+    bad=$(sed -n 's/.* tests passed, \([0-9]*\) tests failed out of .*/\1/p' "$log")
+    if [ -z "$total" ] || [ "$total" -eq 0 ]; then
+        tail -n 20 "$log" >&2
+        echo "the tests of the preset $1 did not run" >&2
+        total=1 bad=1
+    fi
+    not_run=$(grep -c '\*\*\*Skipped' "$log" || true)
+    if [ "$not_run" -gt 0 ]; then
+        grep -A1 ': Skipped$' "build/$1/Testing/Temporary/LastTest.log" |
+            sed -n 's/^\([^-].*[^d]\)$/skipped: \1/p' | sort | uniq -c
+    fi
+    passed=$((passed + total - bad - not_run))
+    failed=$((failed + bad))
+    skipped=$((skipped + not_run))
+}
+
+run_real_machine() {
+    local status=0
+    tests/real/run </dev/null || status=$?
+    case $status in
+    0) passed=$((passed + 1)) ;;
+    77) skipped=$((skipped + 1)) ;;
+    *) failed=$((failed + 1)) ;;
+    esac
+}
+
+install_missing
+for preset in "${presets[@]}"; do
+    build "$preset"
+    run_tests "$preset"
+done
+[ "$real" = no ] || run_real_machine
+
+summary="$passed passed, $failed failed"
+[ "$skipped" -eq 0 ] || summary="$summary, $skipped skipped"
+echo "$summary"
+[ "$failed" -eq 0 ]
