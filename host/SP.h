@@ -46,7 +46,7 @@ class SP : public SPBase
 public:
     SP(SPEnabled* object = nullptr) { assign(object); }
     SP(const SP& other) : SPBase() { assign(other); }
-    SP& operator=(const SP& other)
+    SP& operator=(const SP& other) // NOLINT(cert-oop54-cpp): assign takes the new share first
     {
         assign(other);
         return *this;

@@ -24,5 +24,5 @@ public:
     void setFocus(const char* focus);
 
 private:
-    const char* m_focus;
+    const char* m_focus = "";
 };

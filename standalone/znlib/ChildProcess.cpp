@@ -88,15 +88,15 @@ struct Start
     int error = 0;
 };
 
-// The child's part. It has its own descriptors and signals but runs in this process's memory, so it
-// does nothing but system calls; and it passes by the sanitizers, which would take them for this
+// The child's part. It has descriptors and signals of its own but runs in this process's memory: it
+// does nothing but system calls, unseen by the sanitizers, which would take its doings for this
 // process's.
-__attribute__((no_sanitize("thread"))) int BecomeTool(void* argument)
+__attribute__((no_sanitize("address"), no_sanitize("thread"))) int BecomeTool(void* argument)
 {
-    // As the kernel has it: all zero is the default action. The C library's sigaction would refuse the
-    // two signals that it uses itself.
-    constexpr unsigned long kDefaultAction[4] = {};
-    constexpr unsigned long kNoSignals[1] = {};
+    // All zero, as the kernel takes it. The C library's function refuses the two signals it uses
+    // itself.
+    static constexpr unsigned long kDefaultAction[4] = {};
+    static constexpr unsigned long kNoSignals[1] = {};
     Start& start = *static_cast<Start*>(argument);
     for (int signal = 1; signal < NSIG; ++signal)
         syscall(SYS_rt_sigaction, signal, kDefaultAction, nullptr, sizeof kNoSignals);
@@ -109,10 +109,12 @@ __attribute__((no_sanitize("thread"))) int BecomeTool(void* argument)
     return EXIT_FAILURE;
 }
 
-// Starts a child as posix_spawn does, at a cost that does not grow with this process: it borrows the
-// memory while this thread waits until it has become the tool, or failed to. Unlike posix_spawn before
-// release 2.39 of the C library, this gives the pidfd with the start: were it asked for afterwards, a
-// process that ignores SIGCHLD would miss the end of a short run. Older kernels leave `pidfd` as it is.
+// Starts a child as posix_spawn does, at a cost that does not grow with this process: the child borrows
+// its memory, and this thread waits, until it has become the tool or failed to.
+//
+// posix_spawn itself leaves the pidfd to be asked for afterwards. That is too late for a short run in a
+// process that ignores SIGCHLD; the variant that gives it is new in release 2.39 of the C library.
+// Kernels before 5.2 leave `pidfd` as it is.
 pid_t CloneTool(Start& start, int& pidfd)
 {
     constexpr int kFlags = CLONE_VM | CLONE_VFORK | CLONE_PIDFD | SIGCHLD;

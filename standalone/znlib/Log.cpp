@@ -3,14 +3,16 @@
 #include "standalone/znlib/LogTap.h"
 #include "standalone/znlib/Registry.h"
 
-#include <array>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
+#include <iomanip>
+#include <memory>
 #include <mutex>
+#include <sstream>
+#include <system_error>
 
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -83,13 +85,13 @@ Number NumberOr(Number usual, const std::string& text, const char* name, Number 
 
 LogSettings ReadLogSettings()
 {
-    constexpr unsigned long long kMebibyte = 1024ULL * 1024;
+    constexpr unsigned long long kMebibyte = 1ULL << 20U;
     LogSettings settings{"/var/log/zniscsi.log", 0, 10 * kMebibyte};
     if (std::string file = ReadSetting("ZN_LOG_FILE", "File"); !file.empty())
         settings.file = std::move(file);
     settings.level = NumberOr(settings.level, ReadSetting("ZN_LOG_LEVEL", "Level"), "level", -1, 2);
     settings.maxSizeBytes = NumberOr(settings.maxSizeBytes, ReadSetting("ZN_LOG_MAX_SIZE", "MaxSize"),
-                                     "size limit", 0ULL, 1024 * 1024 * kMebibyte);
+                                     "size limit", 0ULL, kMebibyte << 20U);
     return settings;
 }
 
@@ -105,14 +107,10 @@ bool TapHears(int level)
 
 std::string Format(const char* format, va_list arguments)
 {
-    va_list measured;
-    va_copy(measured, arguments);
-    const int length = std::vsnprintf(nullptr, 0, format, measured);
-    va_end(measured);
-    if (length < 0)
+    char* text = nullptr;
+    if (vasprintf(&text, format, arguments) < 0)
         return format;
-    std::string text(static_cast<std::size_t>(length), '\0');
-    std::vsnprintf(text.data(), text.size() + 1, format, arguments);
+    const std::unique_ptr<char, decltype(&std::free)> owner(text, &std::free);
     return text;
 }
 
@@ -123,14 +121,10 @@ std::string Now()
     clock_gettime(CLOCK_REALTIME, &now);
     std::tm local{};
     localtime_r(&now.tv_sec, &local);
-    std::array<char, 32> date{};
-    std::array<char, 8> zone{};
-    std::array<char, 64> whole{};
-    std::strftime(date.data(), date.size(), "%Y-%m-%d %H:%M:%S", &local);
-    std::strftime(zone.data(), zone.size(), "%z", &local);
-    std::snprintf(whole.data(), whole.size(), "%s.%03ld %s", date.data(), now.tv_nsec / 1'000'000,
-                  zone.data());
-    return whole.data();
+    std::ostringstream text;
+    text << std::put_time(&local, "%Y-%m-%d %H:%M:%S.") << std::setw(3) << std::setfill('0')
+         << now.tv_nsec / 1'000'000 << std::put_time(&local, " %z");
+    return text.str();
 }
 
 // 2026-11-22 21:10:05.123 +0000 [812:815] -1 job=42 ZnISCSILinux::LogOnToiSCSITarget: Invalid
@@ -146,24 +140,24 @@ std::string Line(const LogEntry& entry)
     return line;
 }
 
-void WriteToFile(const LogEntry& entry)
+void WriteToFile(const EvDebugFileInstance* instance, const LogEntry& entry)
 {
     const LogSettings& settings = znhost::CurrentLogSettings();
-    if (const int error = znhost::AppendLine(settings.file, Line(entry), settings.maxSizeBytes);
-        error != 0)
-        LogTroubleOfProcess().Set("cannot write the log " + settings.file + ": " +
-                                  std::strerror(error));
+    const std::string& file = instance == nullptr ? settings.file : instance->File();
+    if (const int error = znhost::AppendLine(file, Line(entry), settings.maxSizeBytes); error != 0)
+        LogTroubleOfProcess().Set("cannot write the log " + file + ": " +
+                                  std::generic_category().message(error));
 }
 
-void Write(int level, std::optional<long long> jobId, const char* tag, const char* format,
-           va_list arguments)
+void Write(const EvDebugFileInstance* instance, int level, std::optional<long long> jobId,
+           const char* tag, const char* format, va_list arguments)
 {
     const int callersError = errno;
     const LogEntry entry{level, jobId, tag, Format(format, arguments)};
     if (TapHears(level))
         t_tap->Hear(entry);
     if (FileShows(level))
-        WriteToFile(entry);
+        WriteToFile(instance, entry);
     errno = callersError;
 }
 
@@ -191,7 +185,8 @@ std::string znhost::LogTrouble()
     return LogTroubleOfProcess().Get();
 }
 
-// The stand-alone host has one log; a log object needs nothing of its own to write to it.
+EvDebugFileInstance::EvDebugFileInstance(std::string file) : m_file(std::move(file)) {}
+
 EvDebug::EvDebug(EvDebugFileInstance* instance) : m_instance(instance) {}
 EvDebug::~EvDebug() = default;
 EvEvent::EvEvent() : EvDebug(nullptr) {}
@@ -203,7 +198,7 @@ void EvDebug::Debug(const char* tag, const char* format, ...)
         return;
     va_list arguments;
     va_start(arguments, format);
-    Write(kNoLevel, std::nullopt, tag, format, arguments);
+    Write(m_instance, kNoLevel, std::nullopt, tag, format, arguments);
     va_end(arguments);
 }
 
@@ -213,7 +208,7 @@ void EvDebug::DebugLvl(const char* tag, int level, const char* format, ...)
         return;
     va_list arguments;
     va_start(arguments, format);
-    Write(level, std::nullopt, tag, format, arguments);
+    Write(m_instance, level, std::nullopt, tag, format, arguments);
     va_end(arguments);
 }
 
@@ -223,6 +218,6 @@ void EvDebug::DebugLvl(const char* tag, int level, long long jobId, const char* 
         return;
     va_list arguments;
     va_start(arguments, format);
-    Write(level, jobId, tag, format, arguments);
+    Write(m_instance, level, jobId, tag, format, arguments);
     va_end(arguments);
 }

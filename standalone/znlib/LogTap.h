@@ -5,6 +5,19 @@
 #include <optional>
 #include <string>
 
+// A log file of the program's own choosing: what a log object that is given one writes to instead of
+// the usual file. `file` as in LogSettings.
+class EvDebugFileInstance
+{
+public:
+    explicit EvDebugFileInstance(std::string file);
+
+    const std::string& File() const { return m_file; }
+
+private:
+    std::string m_file;
+};
+
 namespace znhost
 {
 

@@ -8,7 +8,7 @@ const char* ZNPI_Focus::getFocus()
     return program_invocation_short_name;
 }
 
-ZNPI_PlatformBase::ZNPI_PlatformBase() : m_focus("") {}
+ZNPI_PlatformBase::ZNPI_PlatformBase() = default;
 
 ZNPI_PlatformBase::~ZNPI_PlatformBase() = default;
 

@@ -94,7 +94,7 @@ const char* ZNPI_Focus::getFocus()
     return "test";
 }
 
-ZNPI_PlatformBase::ZNPI_PlatformBase() : m_focus(nullptr)
+ZNPI_PlatformBase::ZNPI_PlatformBase()
 {
     Happened("platform{");
 }
@@ -176,23 +176,6 @@ void HXSLEEP_InTeRnAl(unsigned long milliseconds, const char* file, int line)
 {
     EXPECT_GT(line, 0);
     Happened("sleep " + std::to_string(milliseconds) + ' ' + file);
-}
-
-ZnDevice::ZnDevice(std::string name, std::list<SP<ZnDevice>> children)
-    : m_name(std::move(name)), m_children(std::move(children))
-{
-}
-
-ZnDevice::~ZnDevice() = default;
-
-const std::string& ZnDevice::getName()
-{
-    return m_name;
-}
-
-std::list<SP<ZnDevice>> ZnDevice::getChildren()
-{
-    return m_children;
 }
 
 SP<ZnDevice> ZnDeviceTree::getDevice(const char* path, CHxError* error)
