@@ -1,0 +1,46 @@
+// The simulated /usr/sbin/ehcmcli: "status", an entry a volume that this host is connected to.
+//
+//   Volume: vol-alpha
+//   Target name: iqn.2025-01.org.example:volume
+//   Status: connected
+//   Device to mount: /dev/mapper/vol-alpha
+#include "simulated/Tool.h"
+
+#include <algorithm>
+
+using namespace simulated;
+
+namespace
+{
+
+Outcome Status(const Scene& scene, State& state)
+{
+    Outcome outcome;
+    for (Session& session : state.sessions)
+        ++session.mpioLooks;
+    for (const MpioVolume& volume : scene.ehcmcliVolumes)
+    {
+        const bool isListed =
+            std::any_of(state.sessions.begin(), state.sessions.end(),
+                        [&](const Session& session)
+                        { return session.iqn == volume.target && session.mpioLooks >= volume.atLook; });
+        if (isListed)
+            outcome.out += "Volume: " + volume.name + "\nTarget name: " + volume.target +
+                           "\nStatus: connected\nDevice to mount: " + volume.device + "\n";
+    }
+    return outcome;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const std::string wanted = argc == 2 ? argv[1] : "";
+    return RunTool("ehcmcli", argc, argv,
+                   [&](const Scene& scene, State& state)
+                   {
+                       if (wanted == "status")
+                           return Status(scene, state);
+                       return Outcome{1, "", "Usage: ehcmcli status\n"};
+                   });
+}
