@@ -1,0 +1,65 @@
+#include "agent/Secret.h"
+
+#include "agent/Output.h"
+#include "agent/Terminal.h"
+#include "standalone/znlib/Descriptor.h"
+
+#include <cstring>
+#include <iostream>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace
+{
+
+void RequireSuccess(bool succeeded, const std::string& source)
+{
+    if (!succeeded)
+        throw Failure(Exit::Usage, {"cannot read " + source + ": " + std::strerror(errno)});
+}
+
+} // namespace
+
+// The delegation makes the object whole at once: it is wiped also when the secret is refused.
+Secret::Secret(int descriptor, const std::string& source) : Secret()
+{
+    std::size_t length = 0;
+    for (; length <= kLongestChapValue; ++length)
+    {
+        const ssize_t got =
+            znlib::Uninterrupted([&] { return read(descriptor, &m_text.at(length), 1); });
+        RequireSuccess(got >= 0, source);
+        if (got == 0 || m_text.at(length) == '\n')
+            break;
+    }
+    if (const std::string fault = FindChapFault({m_text.data(), length}); !fault.empty())
+        throw Failure(Exit::Usage, {"the CHAP secret: " + fault});
+    m_text.at(length) = '\0';
+}
+
+Secret::~Secret()
+{
+    explicit_bzero(m_text.data(), m_text.size());
+}
+
+Secret ReadSecretFile(const std::string& file)
+{
+    const znlib::Descriptor descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    struct stat status
+    {
+    };
+    RequireSuccess(descriptor.IsOpen() && fstat(descriptor.Get(), &status) == 0, file);
+    if (S_ISREG(status.st_mode) && (status.st_mode & (S_IRGRP | S_IROTH)) != 0)
+        Complain("warning: others can read " + file + ": chmod 600 it");
+    return {descriptor.Get(), file};
+}
+
+Secret ReadSecretFromStandardInput(const std::string& user)
+{
+    if (isatty(STDIN_FILENO) == 0)
+        return {STDIN_FILENO, "standard input"};
+    const EchoOff noEcho;
+    std::cerr << "CHAP secret for " + user + ": ";
+    return {STDIN_FILENO, "the terminal"};
+}
