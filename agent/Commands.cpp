@@ -89,9 +89,9 @@ bool HasKernelSession(const Request& request)
 {
     const PortalMatcher wanted(request.portal);
     const std::vector<KernelSession> sessions = ReadKernelSessions();
-    return std::any_of(sessions.begin(), sessions.end(),
-                       [&](const KernelSession& session)
-                       { return session.iqn == request.iqn && wanted.Matches(session.portal); });
+    return std::any_of(sessions.begin(), sessions.end(), [&](const KernelSession& session) {
+        return session.iqn == request.iqn && wanted.Matches(session.portal);
+    });
 }
 
 // How often the library asks the multipath tool before it gives up.
@@ -145,8 +145,9 @@ Answer LogOn(const Request& request)
 {
     Work work(request);
     bool already = false;
-    work.watch.OnProgress([&already](const std::string& line)
-                          { already = already || line == "Already logged on to this target."; });
+    work.watch.OnProgress([&already](const std::string& line) {
+        already = already || line == "Already logged on to this target.";
+    });
     const int done = request.chapUser ? LogOnWithChap(work.initiator, request)
                                       : LogOnPlainly(work.initiator, request);
     // Newer tools refuse a second log-on in words that the library does not know.
@@ -177,13 +178,10 @@ Answer FindDisks(const Request& request)
 {
     Work work(request);
     std::list<std::string> devices;
-    work.WaitFor("a disk of " + request.iqn,
-                 [&]
-                 {
-                     devices.clear();
-                     return work.initiator->GetPhysicalDevicesForTargetIQN(request.iqn.c_str(),
-                                                                           devices);
-                 });
+    work.WaitFor("a disk of " + request.iqn, [&] {
+        devices.clear();
+        return work.initiator->GetPhysicalDevicesForTargetIQN(request.iqn.c_str(), devices);
+    });
     return {Lines(devices), {{"devices", devices}}};
 }
 
@@ -194,22 +192,17 @@ Answer FindDisk(const Request& request)
     Work work(request);
     const std::string attempts = std::to_string(ReadAttemptLimit(work.initiator));
     int attempt = 0;
-    work.watch.OnProgress(
-        [&](const std::string& line)
-        {
-            if (line == "Running [/usr/sbin/ehcmcli status]")
-                ShowStatusLine("attempt " + std::to_string(++attempt) + " of " + attempts +
-                               ": multipath device of " + request.iqn);
-        });
+    work.watch.OnProgress([&](const std::string& line) {
+        if (line == "Running [/usr/sbin/ehcmcli status]")
+            ShowStatusLine("attempt " + std::to_string(++attempt) + " of " + attempts +
+                           ": multipath device of " + request.iqn);
+    });
     std::array<char, 4096> device{};
     unsigned long size = device.size();
-    work.WaitFor("a disk of " + request.iqn,
-                 [&]
-                 {
-                     attempt = 0;
-                     return work.initiator->GetPhysicalDeviceForTargetIQN(request.iqn.c_str(),
-                                                                          device.data(), size);
-                 });
+    work.WaitFor("a disk of " + request.iqn, [&] {
+        attempt = 0;
+        return work.initiator->GetPhysicalDeviceForTargetIQN(request.iqn.c_str(), device.data(), size);
+    });
     return {std::string(device.data()) + '\n', {{"device", device.data()}}};
 }
 
@@ -218,12 +211,10 @@ Answer FindTarget(const Request& request)
     Work work(request);
     std::array<char, 4096> portal{}, iqn{};
     unsigned long portalSize = portal.size(), iqnSize = iqn.size();
-    work.WaitFor("the target of " + request.device,
-                 [&]
-                 {
-                     return work.initiator->GetTargetIPAndIQNForDevice(
-                         request.device.c_str(), portal.data(), portalSize, iqn.data(), iqnSize);
-                 });
+    work.WaitFor("the target of " + request.device, [&] {
+        return work.initiator->GetTargetIPAndIQNForDevice(request.device.c_str(), portal.data(),
+                                                          portalSize, iqn.data(), iqnSize);
+    });
     return {Lines(std::array<std::string, 2>{portal.data(), iqn.data()}),
             {{"portal", portal.data()}, {"iqn", iqn.data()}}};
 }

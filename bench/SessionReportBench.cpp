@@ -20,7 +20,8 @@ std::string Repeat(benchmark::IterationCount count, const std::string& text)
     return all;
 }
 
-const std::string kTarget = "Target: iqn.2000-01.test:vol (non-flash)\n\tPersistent Portal: 192.0.2.10:3260,1\n";
+const std::string kTarget =
+    "Target: iqn.2000-01.test:vol (non-flash)\n\tPersistent Portal: 192.0.2.10:3260,1\n";
 const std::string kDisk = "\t\t\tAttached scsi disk sdb\t\tState: running\n";
 
 void Parse(benchmark::State& state, const std::string& report)

@@ -14,12 +14,13 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
     static_cast<void>(quiet);
     static ZnISCSI* const instance = GetInstance();
     std::vector<DellMPIOSessionInfo> records(1);
-    const bool parsed =
-        static_cast<ZnISCSIUnix*>(instance)->ParseDellMPIOOutput(std::string(data, data + size), records);
+    const bool parsed = static_cast<ZnISCSIUnix*>(instance)->ParseDellMPIOOutput(
+        std::string(data, data + size), records);
     if (parsed != (size != 0))
         std::abort();
     for (const DellMPIOSessionInfo& record : records)
-        if ((record.sVolumeName + record.sTargetIQN + record.sMPIODevice).find('\n') != std::string::npos)
+        if ((record.sVolumeName + record.sTargetIQN + record.sMPIODevice).find('\n') !=
+            std::string::npos)
             std::abort();
     return 0;
 }

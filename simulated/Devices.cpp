@@ -26,8 +26,7 @@ std::string DiskName(int number)
 std::string FreeDiskName(const Scene& scene, const State& state, const Lun& lun)
 {
     const std::vector<Disk> disks = DisksOf(scene, state);
-    const auto isFree = [&](const std::string& name)
-    {
+    const auto isFree = [&](const std::string& name) {
         return std::none_of(disks.begin(), disks.end(),
                             [&](const Disk& each) { return each.name == name; });
     };
@@ -113,8 +112,7 @@ public:
     void Write(const fs::path& root) const
     {
         std::set<fs::path> wanted;
-        const auto want = [&](fs::path path)
-        {
+        const auto want = [&](fs::path path) {
             for (; !path.empty(); path = path.parent_path())
                 wanted.insert(path);
         };
@@ -235,10 +233,10 @@ void AddDisk(Tree& sys, Tree& dev, const Disk& disk)
 
 void AddMap(Tree& sys, Tree& dev, const Scene& scene, const State& state, const MultipathMap& map)
 {
-    const auto pathOf = [&](const std::string& name)
-    { return fs::path("devices/virtual/block/dm-" + std::to_string(state.dmNumbers.at(name))); };
-    const auto stack = [&](const fs::path& upper, const fs::path& lower)
-    {
+    const auto pathOf = [&](const std::string& name) {
+        return fs::path("devices/virtual/block/dm-" + std::to_string(state.dmNumbers.at(name)));
+    };
+    const auto stack = [&](const fs::path& upper, const fs::path& lower) {
         sys.Link(upper / "slaves" / lower.filename(), lower);
         sys.Link(lower / "holders" / upper.filename(), upper);
     };
@@ -308,10 +306,9 @@ std::optional<std::int64_t> Settle(const Scene& scene, State& state, std::int64_
 
 const MultipathMap* FindMapOf(const Scene& scene, const State& state, const Disk& disk)
 {
-    const auto found =
-        std::find_if(scene.maps.begin(), scene.maps.end(),
-                     [&](const MultipathMap& map)
-                     { return state.dmNumbers.count(map.name) != 0 && IsPath(map, disk); });
+    const auto found = std::find_if(scene.maps.begin(), scene.maps.end(), [&](const MultipathMap& map) {
+        return state.dmNumbers.count(map.name) != 0 && IsPath(map, disk);
+    });
     return found == scene.maps.end() ? nullptr : &*found;
 }
 
@@ -323,6 +320,8 @@ void WriteDevices(const Scene& scene, const State& state, const fs::path& folder
         sys.Folder(empty);
     dev.Folder("disk");
     dev.Folder("mapper");
+    for (const std::string& name : scene.localDisks)
+        AddBlockDevice(sys, "devices/pci0000:00/0000:00:04.0/" + name);
     for (const Session& session : state.sessions)
         AddSession(sys, session);
     for (const Disk& disk : DisksOf(scene, state))

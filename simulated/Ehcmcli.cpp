@@ -21,9 +21,9 @@ Outcome Status(const Scene& scene, State& state)
     for (const MpioVolume& volume : scene.ehcmcliVolumes)
     {
         const bool isListed =
-            std::any_of(state.sessions.begin(), state.sessions.end(),
-                        [&](const Session& session)
-                        { return session.iqn == volume.target && session.mpioLooks >= volume.atLook; });
+            std::any_of(state.sessions.begin(), state.sessions.end(), [&](const Session& session) {
+                return session.iqn == volume.target && session.mpioLooks >= volume.atLook;
+            });
         if (isListed)
             outcome.out += "Volume: " + volume.name + "\nTarget name: " + volume.target +
                            "\nStatus: connected\nDevice to mount: " + volume.device + "\n";
@@ -36,11 +36,9 @@ Outcome Status(const Scene& scene, State& state)
 int main(int argc, char** argv)
 {
     const std::string wanted = argc == 2 ? argv[1] : "";
-    return RunTool("ehcmcli", argc, argv,
-                   [&](const Scene& scene, State& state)
-                   {
-                       if (wanted == "status")
-                           return Status(scene, state);
-                       return Outcome{1, "", "Usage: ehcmcli status\n"};
-                   });
+    return RunTool("ehcmcli", argc, argv, [&](const Scene& scene, State& state) {
+        if (wanted == "status")
+            return Status(scene, state);
+        return Outcome{1, "", "Usage: ehcmcli status\n"};
+    });
 }

@@ -58,8 +58,7 @@ template <class Item>
 auto IsSelected(const Scene& scene, const Selection& selection)
 {
     const auto portal = Resolve(scene, selection.portal);
-    return [selection, portal](const Item& item)
-    {
+    return [selection, portal](const Item& item) {
         return (selection.iqn.empty() || item.iqn == selection.iqn) &&
                (selection.portal.empty() || (portal && item.portal == *portal));
     };
@@ -82,16 +81,17 @@ auto Selected(const Scene& scene, Items& items, const Selection& selection)
 const Session* FindSession(const State& state, const NodeRecord& record)
 {
     const auto found =
-        std::find_if(state.sessions.begin(), state.sessions.end(),
-                     [&](const Session& session)
-                     { return session.iqn == record.iqn && session.portal == record.portal; });
+        std::find_if(state.sessions.begin(), state.sessions.end(), [&](const Session& session) {
+            return session.iqn == record.iqn && session.portal == record.portal;
+        });
     return found == state.sessions.end() ? nullptr : &*found;
 }
 
 void AddRecord(State& state, const NodeRecord& record)
 {
-    const auto key = [](const NodeRecord& each)
-    { return std::tie(each.iqn, each.portal.address, each.portal.port, each.tpgt); };
+    const auto key = [](const NodeRecord& each) {
+        return std::tie(each.iqn, each.portal.address, each.portal.port, each.tpgt);
+    };
     const auto at =
         std::lower_bound(state.nodes.begin(), state.nodes.end(), record,
                          [&](const NodeRecord& a, const NodeRecord& b) { return key(a) < key(b); });
@@ -244,8 +244,7 @@ Outcome DeleteNodes(const Scene& scene, State& state, const Selection& selection
         return NotFound("No records found");
     Outcome outcome;
     const auto isSelected = IsSelected<NodeRecord>(scene, selection);
-    const auto goes = [&](const NodeRecord& record)
-    {
+    const auto goes = [&](const NodeRecord& record) {
         if (!isSelected(record))
             return false;
         if (FindSession(state, record) == nullptr)

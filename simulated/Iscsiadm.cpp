@@ -96,9 +96,9 @@ Outcome Sessions(const Scene& scene, State& state, const CommandLine& line)
         return Refused("session mode: option '-P' is not allowed/supported");
     const std::vector<Session> all = InReportOrder(state.sessions);
     std::vector<Session> sessions;
-    std::copy_if(all.begin(), all.end(), std::back_inserter(sessions),
-                 [&](const Session& session)
-                 { return !line.Has('r') || std::to_string(session.sid) == line.Value('r'); });
+    std::copy_if(all.begin(), all.end(), std::back_inserter(sessions), [&](const Session& session) {
+        return !line.Has('r') || std::to_string(session.sid) == line.Value('r');
+    });
     if (sessions.empty() && line.Has('r'))
         return {
             22, "",
@@ -158,7 +158,7 @@ Outcome Iscsiadm(const Scene& scene, State& state, int argc, char** argv)
 
 int main(int argc, char** argv)
 {
-    return RunTool("iscsiadm", argc, argv,
-                   [&](const Scene& scene, State& state)
-                   { return Iscsiadm(scene, state, argc, argv); });
+    return RunTool("iscsiadm", argc, argv, [&](const Scene& scene, State& state) {
+        return Iscsiadm(scene, state, argc, argv);
+    });
 }

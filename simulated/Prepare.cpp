@@ -10,16 +10,14 @@ namespace fs = std::filesystem;
 
 int main(int argc, char** argv)
 {
-    return RunTool("simulated-prepare", argc, argv,
-                   [](const Scene& scene, State&)
-                   {
-                       const fs::path tools = fs::read_symlink("/proc/self/exe").parent_path();
-                       const fs::path sbin = fs::path(std::getenv("SIMULATED_STATE")) / "sbin";
-                       fs::remove_all(sbin);
-                       fs::create_directories(sbin);
-                       fs::create_symlink(tools / "iscsiadm", sbin / "iscsiadm");
-                       if (scene.ehcmcliInstalled)
-                           fs::create_symlink(tools / "ehcmcli", sbin / "ehcmcli");
-                       return Outcome{};
-                   });
+    return RunTool("simulated-prepare", argc, argv, [](const Scene& scene, State&) {
+        const fs::path tools = fs::read_symlink("/proc/self/exe").parent_path();
+        const fs::path sbin = fs::path(std::getenv("SIMULATED_STATE")) / "sbin";
+        fs::remove_all(sbin);
+        fs::create_directories(sbin);
+        fs::create_symlink(tools / "iscsiadm", sbin / "iscsiadm");
+        if (scene.ehcmcliInstalled)
+            fs::create_symlink(tools / "ehcmcli", sbin / "ehcmcli");
+        return Outcome{};
+    });
 }

@@ -104,9 +104,9 @@ void PrintLuns(std::ostream& out, const Scene& scene, const Session& session,
 
 std::vector<Session> InReportOrder(std::vector<Session> sessions)
 {
-    std::sort(sessions.begin(), sessions.end(),
-              [](const Session& a, const Session& b)
-              { return std::to_string(a.sid) < std::to_string(b.sid); });
+    std::sort(sessions.begin(), sessions.end(), [](const Session& a, const Session& b) {
+        return std::to_string(a.sid) < std::to_string(b.sid);
+    });
     return sessions;
 }
 
@@ -142,9 +142,9 @@ std::string DetailedReport(const Scene& scene, const State& state, const std::ve
             out << "Target: " << session.iqn << Suffix(scene) << "\n";
         lastIqn = session.iqn;
         const std::vector<Disk> disks = DisksOfSession(scene, state, session.sid);
-        const bool isPath =
-            std::any_of(disks.begin(), disks.end(),
-                        [&](const Disk& disk) { return FindMapOf(scene, state, disk) != nullptr; });
+        const bool isPath = std::any_of(disks.begin(), disks.end(), [&](const Disk& disk) {
+            return FindMapOf(scene, state, disk) != nullptr;
+        });
         std::string block =
             Filled(kSession, {{"current", AsKernelWritesIt(session.portal.address) + ":" +
                                               std::to_string(session.portal.port)},

@@ -23,7 +23,7 @@ NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(MpioVolume, name, target, device, atLook)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Fault, command, times, status, output, stderrOutput, half,
                                    leaveBehindMs)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Scene, toolVersion, detailedReport, sessionExists, unreachableMs,
-                                   initiatorName, initiatorAddress, portals, targets, maps,
+                                   initiatorName, initiatorAddress, localDisks, portals, targets, maps,
                                    ehcmcliInstalled, ehcmcliVolumes, faults)
 
 namespace
@@ -36,6 +36,7 @@ using Json = nlohmann::json;
 constexpr const char* kModel = R"({
     "toolVersion": "2.1.8", "detailedReport": true, "sessionExists": "", "unreachableMs": 300,
     "initiatorName": "iqn.2025-01.org.example:initiator", "initiatorAddress": "192.0.2.1",
+    "localDisks": [null],
     "portals": [{"portal": null, "name": "", "answer": "answering"}],
     "targets": [{"iqn": null, "portals": [null], "chap": {"user": "", "secret": ""},
                  "luns": [{"lun": 0, "disk": true, "kernelNames": [null], "state": "running",

@@ -106,6 +106,7 @@ struct Scene
     int unreachableMs;
     std::string initiatorName;
     std::string initiatorAddress;
+    std::vector<std::string> localDisks; // kernel names
     std::vector<Portal> portals;
     std::vector<Target> targets;
     std::vector<MultipathMap> maps;

@@ -39,9 +39,9 @@ std::vector<std::string> Words(const std::string& text)
 
 bool HoldsAll(const std::vector<std::string>& line, const std::vector<std::string>& words)
 {
-    return std::all_of(words.begin(), words.end(),
-                       [&](const std::string& word)
-                       { return std::find(line.begin(), line.end(), word) != line.end(); });
+    return std::all_of(words.begin(), words.end(), [&](const std::string& word) {
+        return std::find(line.begin(), line.end(), word) != line.end();
+    });
 }
 
 // The first fault whose turn it is. Every fault that matches counts this run.

@@ -207,8 +207,8 @@ TEST_F(Log, TapsHearTheirThreadAlone)
     const znhost::LogTap outerTap(-1,
                                   [&](const znhost::LogEntry& entry) { outer.push_back(entry.text); });
     {
-        const znhost::LogTap innerTap(2, [&](const znhost::LogEntry& entry)
-                                      { inner.push_back(entry.text); });
+        const znhost::LogTap innerTap(
+            2, [&](const znhost::LogEntry& entry) { inner.push_back(entry.text); });
         log.DebugLvl("T", 2, "%s", "raw\ntext");
         log.Debug("T", "no level");
         std::thread([] { EvEvent().DebugLvl("T", -1, "another thread"); }).join();

@@ -47,8 +47,7 @@ TEST(OsDetector, ReadsReleaseFiles)
 TEST(OsDetector, FillsTheGlobalsForManyThreads)
 {
     const znhost::OperatingSystem system = znhost::ReadOperatingSystem("/");
-    const auto detect = [&system]
-    {
+    const auto detect = [&system] {
         for (int call = 0; call < 50; ++call)
         {
             detectOSType();

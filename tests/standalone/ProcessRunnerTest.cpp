@@ -227,8 +227,7 @@ class AnyHost : public testing::TestWithParam<std::tuple<Host, Kernel>>
     const bool mayBeTaken = host.losesStatus && std::min(kernel.release, RunningKernel()) < 615;
     const std::ptrdiff_t descriptors = CountDescriptors();
     std::atomic<bool> isRight{true};
-    const auto runTools = [&](int status)
-    {
+    const auto runTools = [&](int status) {
         for (int blocks = 0; blocks < 4; ++blocks)
         {
             const std::string command = RUNNER_CHILD " flood " + std::to_string(blocks) + ' ' +
@@ -269,8 +268,9 @@ INSTANTIATE_TEST_SUITE_P(
                         Host{"WithoutStandardDescriptors", CloseStandardDescriptors, false},
                         Host{"Interrupted", InterruptWithoutEnd, false}),
         testing::Values(Kernel{"Today", 9900}, Kernel{"Linux5_14", 514}, Kernel{"Linux4_18", 418})),
-    [](const auto& row)
-    { return std::string(std::get<0>(row.param).name) + "On" + std::get<1>(row.param).name; });
+    [](const auto& row) {
+        return std::string(std::get<0>(row.param).name) + "On" + std::get<1>(row.param).name;
+    });
 
 // A host with signals ignored and blocked, another locale and descriptors that are not closed on exec.
 [[noreturn]] void RunInUntidyHost()
@@ -321,14 +321,11 @@ TEST(ProcessRunner, LeavesADaemonThatWritesOn)
 TEST(ProcessRunner, IsNotCutShortByCancellation)
 {
     Outcome outcome;
-    std::thread(
-        [&]
-        {
-            pthread_cancel(pthread_self());
-            outcome = RunTool(RUNNER_CHILD " flood 4 5");
-            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-        })
-        .join();
+    std::thread([&] {
+        pthread_cancel(pthread_self());
+        outcome = RunTool(RUNNER_CHILD " flood 4 5");
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    }).join();
     EXPECT_EQ(outcome.result, 5);
     EXPECT_EQ(outcome.output, Flood(4, 'a'));
 }

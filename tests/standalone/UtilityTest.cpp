@@ -52,13 +52,11 @@ TEST(SharedPointer, IsSharedAmongThreads)
         const SP<Counted> shared(new Counted(alive));
         std::vector<std::thread> threads;
         for (int i = 0; i < 4; ++i)
-            threads.emplace_back(
-                [&shared]
-                {
-                    for (int round = 0; round < 10000; ++round)
-                        const SP<Counted> share(
-                            shared); // NOLINT(performance-unnecessary-copy-initialization)
-                });
+            threads.emplace_back([&shared] {
+                for (int round = 0; round < 10000; ++round)
+                    const SP<Counted> share(
+                        shared); // NOLINT(performance-unnecessary-copy-initialization)
+            });
         for (std::thread& thread : threads)
             thread.join();
         EXPECT_EQ(alive, 1);
