@@ -46,10 +46,9 @@ run_tests() { # PRESET
         total=1 bad=1
     fi
     not_run=$(grep -c '\*\*\*Skipped' "$log" || true)
-    if [ "$not_run" -gt 0 ]; then
-        grep -A1 ': Skipped$' "build/$1/Testing/Temporary/LastTest.log" |
-            sed -n 's/^\([^-].*[^d]\)$/skipped: \1/p' | sort | uniq -c
-    fi
+    # A skipped test ends in "FILE:LINE: Skipped" and, on the next line, its reason.
+    grep -h -A1 ': Skipped$' "build/$1/Testing/Temporary/LastTest.log" |
+        sed '/: Skipped$/d; /^--$/d; s/^/skipped: /' | sort | uniq -c || true
     passed=$((passed + total - bad - not_run))
     failed=$((failed + bad))
     skipped=$((skipped + not_run))

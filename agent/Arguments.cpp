@@ -1,6 +1,7 @@
 #include "agent/Arguments.h"
 
 #include "agent/Portal.h"
+#include "standalone/znlib/Registry.h"
 
 #include <algorithm>
 
@@ -32,7 +33,9 @@ std::string FindPortalFault(const std::string& portal)
     if (std::string fault = FindFault(portal, kLongestName + kLongestPort); !fault.empty())
         return fault;
     const std::optional<Portal> parsed = ParsePortal(portal);
-    return parsed && parsed->host.size() <= kLongestName
+    const bool hasGroup =
+        portal.find(',') != std::string::npos; // the tool's reports have one, it takes none
+    return parsed && !hasGroup && parsed->host.size() <= kLongestName
                ? ""
                : "it is none of ADDRESS, ADDRESS:PORT, [IPV6]:PORT";
 }
@@ -49,6 +52,11 @@ std::string FindDeviceFault(const std::string& device)
     if (std::string fault = FindFault(device, kLongestPath); !fault.empty())
         return fault;
     return device.find("/dev/") != std::string::npos ? "" : "it does not contain \"/dev/\"";
+}
+
+std::string FindNumberFault(const std::string& number)
+{
+    return znhost::ParseNumber<unsigned long long>(number) ? "" : "it is no whole number from 0 on";
 }
 
 std::string FindChapFault(std::string_view userOrSecret)

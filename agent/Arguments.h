@@ -28,3 +28,6 @@ std::string FindPortalFault(const std::string& portal);
 std::string FindIqnFault(const std::string& iqn);
 std::string FindDeviceFault(const std::string& device);
 std::string FindChapFault(std::string_view userOrSecret);
+
+// A number without a sign: what reads it later would wrap a negative one around.
+std::string FindNumberFault(const std::string& number);

@@ -6,6 +6,7 @@
 #include "agent/Secret.h"
 #include "agent/Terminal.h"
 #include "standalone/hxutils/Pauses.h"
+#include "standalone/znlib/LogFile.h"
 
 #include <algorithm>
 #include <array>
@@ -62,7 +63,7 @@ std::string Lines(const Values& values)
 {
     std::string text;
     for (const std::string& value : values)
-        text += value + '\n';
+        text += znhost::EscapeControls(value) + '\n';
     return text;
 }
 
@@ -106,7 +107,10 @@ int ReadAttemptLimit(const Initiator& initiator)
 std::string FormatTable(const std::vector<iSSCSISessionInfo>& disks)
 {
     std::vector<iSSCSISessionInfo> rows{{"DEVICE", "PORTAL", "IQN"}};
-    rows.insert(rows.end(), disks.begin(), disks.end());
+    for (const iSSCSISessionInfo& disk : disks)
+        rows.push_back({znhost::EscapeControls(disk.sDeviceName),
+                        znhost::EscapeControls(disk.sTargetPortal),
+                        znhost::EscapeControls(disk.sTargetVolIQN)});
     std::size_t deviceWidth = 0, portalWidth = 0;
     for (const iSSCSISessionInfo& row : rows)
     {
@@ -138,6 +142,8 @@ Answer Discover(const Request& request)
         if (wanted.Matches(record.portal) &&
             std::find(targets.begin(), targets.end(), record.iqn) == targets.end())
             targets.push_back(record.iqn);
+    if (targets.empty())
+        Complain("no node record names " + request.portal + ": iscsiadm -m node lists them all");
     return {Lines(targets), {{"targets", targets}}};
 }
 
@@ -203,7 +209,7 @@ Answer FindDisk(const Request& request)
         attempt = 0;
         return work.initiator->GetPhysicalDeviceForTargetIQN(request.iqn.c_str(), device.data(), size);
     });
-    return {std::string(device.data()) + '\n', {{"device", device.data()}}};
+    return {Lines(std::array<std::string, 1>{device.data()}), {{"device", device.data()}}};
 }
 
 Answer FindTarget(const Request& request)

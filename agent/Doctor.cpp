@@ -83,12 +83,17 @@ Check CheckUser()
             Exit::Failed};
 }
 
+std::string RegistryTrouble()
+{
+    std::string error;
+    znhost::ReadRegistryValue("Log", "File", error);
+    return error;
+}
+
 Check CheckRegistry()
 {
     const std::string file = znhost::RegistryFile();
-    std::string error;
-    znhost::ReadRegistryValue("Log", "File", error);
-    if (!error.empty())
+    if (const std::string error = RegistryTrouble(); !error.empty())
         return {"registry", error, "Correct it, or name another file in ZN_REGISTRY.", Exit::Failed};
     return {"registry", file + (access(file.c_str(), F_OK) == 0 ? "" : " (not there: defaults hold)")};
 }
@@ -98,7 +103,8 @@ Check CheckLog()
 {
     EvEvent().DebugLvl("zniscsi", std::min(0, znhost::CurrentLogSettings().level),
                        "Examining this host.");
-    if (const std::string trouble = znhost::LogTrouble(); !trouble.empty())
+    const std::string trouble = znhost::LogTrouble();
+    if (!trouble.empty() && trouble != RegistryTrouble()) // what the registry lacks is said once
         return {"log", trouble, "Name another file: --log FILE or ZN_LOG_FILE.", Exit::Failed};
     const std::string& file = znhost::CurrentLogSettings().file;
     return {"log", file == "-" ? "standard error" : file};

@@ -1,7 +1,9 @@
 #include "agent/Terminal.h"
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
+#include <system_error>
 
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -36,6 +38,14 @@ extern "C" void EndBySignal(int signal)
     static_cast<void>(std::raise(signal));
 }
 
+// A secret is not asked for where it would be shown.
+void RequireSuccess(int result)
+{
+    if (result != 0)
+        throw std::system_error(errno, std::generic_category(),
+                                "cannot keep the terminal from showing a secret");
+}
+
 std::size_t Columns()
 {
     constexpr std::size_t kUsual = 80;
@@ -68,12 +78,11 @@ void RestoreTerminalOnSignals()
 
 EchoOff::EchoOff()
 {
-    if (tcgetattr(STDIN_FILENO, &g_settingsWithEcho) != 0)
-        return;
+    RequireSuccess(tcgetattr(STDIN_FILENO, &g_settingsWithEcho));
     termios silent = g_settingsWithEcho;
     silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     g_echoIsOff = true;
-    tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
+    RequireSuccess(tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent));
 }
 
 EchoOff::~EchoOff()

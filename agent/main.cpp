@@ -50,7 +50,8 @@ public:
                                              "Write the log to this file; \"-\" is standard error")
             ->option_text("FILE");
         app.add_option("--job-id", request.jobId, "The job identifier that the log's lines carry")
-            ->option_text("N");
+            ->option_text("N")
+            ->check(FindNumberFault);
 
         Add(Discover, "discover", "Find the targets at a portal and record them", "192.0.2.10:3260",
             {&CommandLine::AddPortal});

@@ -57,14 +57,17 @@ void ToolRun::LogFailure(const std::string& command, std::string_view sequel) co
 
 std::string ToolRun::PrintableErrorOutput() const
 {
-    std::string text = m_errorOutput;
     if (m_secret.empty())
-        return text;
-    constexpr std::string_view kMask = "********";
-    for (std::size_t at = text.find(m_secret); at != std::string::npos;
-         at = text.find(m_secret, at + kMask.size()))
-        text.replace(at, m_secret.size(), kMask);
-    return text;
+        return m_errorOutput;
+    // Put together from what stands around the secret, so that no copy ever holds it.
+    std::string text;
+    std::size_t from = 0;
+    for (std::size_t at; (at = m_errorOutput.find(m_secret, from)) != std::string::npos;)
+    {
+        text.append(m_errorOutput, from, at - from).append("********");
+        from = at + m_secret.size();
+    }
+    return text.append(m_errorOutput, from);
 }
 
 bool ToolRun::Start(const char* command)

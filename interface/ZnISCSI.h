@@ -7,7 +7,8 @@
 // Every operation answers exactly 1 on success and 0 on failure. Why it failed stands in the host's
 // debug log and nowhere else. All strings, buffers and lists are the caller's and are used for the call
 // only. Errors common to all: a null required argument, and a host that is not Red Hat family release 5
-// or later, give 0. No exception but an allocation's own failure crosses the interface.
+// or later, give 0 (but a target's multipath device is an answer on any host). No exception but an
+// allocation's own failure crosses the interface.
 //
 // Thread-safety: instances share nothing. Operations may run on one instance from several threads as
 // long as none of them calls SetLogging meanwhile. A call blocks while an administration tool runs.

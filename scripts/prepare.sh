@@ -27,7 +27,7 @@ missing_debian_packages() {
 missing_redhat_packages() {
     local package
     for package in gcc-c++ cmake ninja-build boost-devel cli11-devel json-devel gtest-devel gmock-devel \
-        google-benchmark-devel; do
+        google-benchmark-devel libasan libubsan libtsan; do
         rpm -q --quiet "$package" || echo "$package"
     done
 }
@@ -37,11 +37,15 @@ install_debian_packages() {
     quietly apt-install as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "$@"
 }
 
-# Ninja, the test tools and the header libraries stand in CRB and EPEL.
+# Ninja, the test tools and the header libraries stand in CRB and EPEL, which not every member of the family
+# calls by these names; some need neither.
 install_redhat_packages() {
-    quietly dnf-plugins as_root dnf install -y dnf-plugins-core epel-release || true
-    quietly dnf-crb as_root dnf config-manager --set-enabled crb || true
-    quietly dnf-install as_root dnf install -y "$@"
+    quietly dnf-epel as_root dnf install -y dnf-plugins-core epel-release 2>/dev/null || true
+    quietly dnf-crb as_root dnf config-manager --set-enabled crb 2>/dev/null || true
+    quietly dnf-install as_root dnf install -y "$@" || {
+        echo "are the repositories CRB (CodeReady Builder) and EPEL enabled?" >&2
+        return 1
+    }
 }
 
 can_be_root() { [ "$(id -u)" -eq 0 ] || sudo -n true 2>/dev/null; }

@@ -1,5 +1,7 @@
-// The simulated /usr/sbin/ehcmcli: "status", an entry a volume that this host is connected to.
+// The simulated /usr/sbin/ehcmcli: "status", a heading and an entry a volume that this host is
+// connected to.
 //
+//   Connected volumes
 //   Volume: vol-alpha
 //   Target name: iqn.2025-01.org.example:volume
 //   Status: connected
@@ -16,6 +18,7 @@ namespace
 Outcome Status(const Scene& scene, State& state)
 {
     Outcome outcome;
+    outcome.out = "Connected volumes\n";
     for (Session& session : state.sessions)
         ++session.mpioLooks;
     for (const MpioVolume& volume : scene.ehcmcliVolumes)

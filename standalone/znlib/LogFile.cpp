@@ -2,9 +2,12 @@
 
 #include "standalone/znlib/Descriptor.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <memory>
 #include <string_view>
 
 #include <fcntl.h>
@@ -49,20 +52,23 @@ bool IsFullWith(const FileStatus& file, std::size_t addition, unsigned long long
 }
 
 // Sets the file aside unless another thread or process, which would hold the lock meanwhile, has done
-// so.
-void SetAside(const std::string& path, const Descriptor& full)
+// so. A symbolic link stays where it is. Returns 0, or the errno of what failed.
+int SetAside(const std::string& path, const Descriptor& full)
 {
-    if (flock(full.Get(), LOCK_EX) != 0)
-        return;
+    if (Uninterrupted([&] { return flock(full.Get(), LOCK_EX); }) != 0)
+        return errno;
+    const std::unique_ptr<char, decltype(&std::free)> file(realpath(path.c_str(), nullptr), &std::free);
     FileStatus ours{};
     FileStatus current{};
-    if (fstat(full.Get(), &ours) == 0 && stat(path.c_str(), &current) == 0 &&
-        ours.st_ino == current.st_ino && ours.st_dev == current.st_dev)
-        static_cast<void>(std::rename(path.c_str(), (path + ".1").c_str()));
+    if (file == nullptr || fstat(full.Get(), &ours) != 0 || stat(file.get(), &current) != 0)
+        return errno == ENOENT ? 0 : errno; // just set aside
+    const bool isOurs = ours.st_ino == current.st_ino && ours.st_dev == current.st_dev;
+    return isOurs && std::rename(file.get(), (file.get() + std::string(".1")).c_str()) != 0 ? errno : 0;
 }
 
-// Whether a line of this process was cut short, by a full disk say: what follows must not be taken for
-// a part of it.
+// Whether the last line of this process was cut short, by a full disk say: what follows must not be
+// taken for a part of it. (A look at the file's last byte would tell it of other processes' lines too,
+// but also catch them in the middle of a write.)
 std::atomic<bool> g_cutShort{false};
 
 // One write, so that the line is appended whole, whoever else is writing.
@@ -101,16 +107,32 @@ void AppendEscape(std::string& text, unsigned char byte)
     }
 }
 
-bool IsControl(unsigned char byte)
+// How many bytes the UTF-8 character at the beginning of `text` has; 0 when there is none. Overlong
+// forms and the like are none of a log's business.
+std::size_t CharacterLength(std::string_view text)
 {
-    return byte < 0x20 || byte == 0x7f;
+    const auto first = static_cast<unsigned char>(text.front());
+    if (first < 0x80)
+        return 1;
+    if (first < 0xc2 || first > 0xf4)
+        return 0;
+    const std::size_t length = first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
+    const std::string_view rest = text.substr(1, length - 1);
+    const bool isWhole = rest.size() + 1 == length && std::all_of(rest.begin(), rest.end(), [](char c) {
+                             return (static_cast<unsigned char>(c) & 0xc0U) == 0x80;
+                         });
+    return isWhole ? length : 0;
 }
 
-// The control characters above ASCII, as UTF-8 has them: C2 80 to C2 9F.
-bool BeginsHighControl(std::string_view text)
+// Control characters: those of ASCII, those above it, which UTF-8 has as C2 80 to C2 9F, and what is no
+// character at all, since a terminal may take it for one of these.
+bool IsPrintable(std::string_view character)
 {
-    return text.size() >= 2 && text[0] == '\xc2' && static_cast<unsigned char>(text[1]) >= 0x80 &&
-           static_cast<unsigned char>(text[1]) < 0xa0;
+    if (character.size() == 1)
+        return static_cast<unsigned char>(character[0]) >= 0x20 && character[0] != 0x7f &&
+               character[0] != '\\';
+    return character.size() > 1 &&
+           (character[0] != '\xc2' || static_cast<unsigned char>(character[1]) >= 0xa0);
 }
 
 } // namespace
@@ -119,18 +141,16 @@ std::string znhost::EscapeControls(const std::string& text)
 {
     std::string escaped;
     escaped.reserve(text.size());
-    for (std::size_t at = 0; at < text.size(); ++at)
+    for (std::string_view rest = text; !rest.empty();)
     {
-        const auto byte = static_cast<unsigned char>(text[at]);
-        if (BeginsHighControl(std::string_view(text).substr(at)))
-        {
-            AppendEscape(escaped, byte);
-            AppendEscape(escaped, static_cast<unsigned char>(text[++at]));
-        }
-        else if (IsControl(byte) || byte == '\\')
-            AppendEscape(escaped, byte);
+        const std::string_view character = rest.substr(0, CharacterLength(rest));
+        const std::string_view taken = rest.substr(0, std::max<std::size_t>(character.size(), 1));
+        if (IsPrintable(character))
+            escaped += taken;
         else
-            escaped += text[at];
+            for (const char byte : taken)
+                AppendEscape(escaped, static_cast<unsigned char>(byte));
+        rest.remove_prefix(taken.size());
     }
     return escaped;
 }
@@ -146,12 +166,15 @@ int znhost::AppendLine(const std::string& path, const std::string& line,
     FileStatus file{};
     if (!log.IsOpen() || fstat(log.Get(), &file) != 0)
         return errno;
+    int error = 0;
     if (IsFullWith(file, whole.size(), maxSizeBytes))
     {
-        SetAside(path, log);
+        // A file that cannot be set aside goes on growing: no line is lost for it.
+        error = SetAside(path, log);
         log = OpenLog(path);
-        if (!log.IsOpen() || fstat(log.Get(), &file) != 0)
+        if (!log.IsOpen())
             return errno;
     }
-    return WriteLine(log.Get(), whole);
+    const int writeError = WriteLine(log.Get(), whole);
+    return writeError != 0 ? writeError : error;
 }

@@ -2,20 +2,22 @@
 
 #include "host/EvDebug.h"
 #include "host/ZNPlatformInfo.h"
+#include "standalone/znlib/Descriptor.h"
 
 // Property tree's parser, since the small C readers cut long lines and section names, and take " ;" for
 // a comment inside quotes too.
 #include <boost/property_tree/ini_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 
+#include <array>
 #include <cerrno>
 #include <cstddef>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <sstream>
 #include <stdexcept>
+
+#include <fcntl.h>
 
 namespace
 {
@@ -27,15 +29,24 @@ std::string ReadText(const std::string& file)
 {
     constexpr std::size_t kMostBytes = 1 << 20;
 
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(std::fopen(file.c_str(), "re"),
-                                                                 &std::fclose);
-    if (stream == nullptr && (errno == ENOENT || errno == ENOTDIR))
+    // Not to hang on a FIFO that nobody writes.
+    const znlib::Descriptor descriptor(
+        open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (!descriptor.IsOpen() && (errno == ENOENT || errno == ENOTDIR))
         return {};
-    std::string text(kMostBytes + 1, '\0');
-    if (stream != nullptr)
-        text.resize(std::fread(text.data(), 1, text.size(), stream.get()));
-    if (stream == nullptr || std::ferror(stream.get()) != 0)
+    if (!descriptor.IsOpen())
         throw std::runtime_error(std::generic_category().message(errno));
+    std::string text;
+    for (std::array<char, 4096> chunk{}; text.size() <= kMostBytes;)
+    {
+        const ssize_t count =
+            znlib::Uninterrupted([&] { return read(descriptor.Get(), chunk.data(), chunk.size()); });
+        if (count < 0)
+            throw std::runtime_error(std::generic_category().message(errno));
+        if (count == 0)
+            break;
+        text.append(chunk.data(), static_cast<std::size_t>(count));
+    }
     if (text.size() > kMostBytes)
         throw std::runtime_error("longer than 1 MiB");
     if (text.find('\0') != std::string::npos)
