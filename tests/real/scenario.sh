@@ -1,0 +1,253 @@
+#!/bin/bash
+# What an administrator does with the agent, against the real initiator and the real target; run by
+# guest/init. What a step must show is read from the system itself (sysfs, multipath -ll, the node
+# database), never from the library. /out/steps gets a line a step: step, expected, came.
+# shellcheck source=tests/real/guest/targets
+. /real/guest/targets
+
+export ZN_LOG_FILE=/out/zniscsi.log ZN_LOG_LEVEL=2
+map=/dev/mapper/mpatha
+volume=/dev/mapper/group-volume
+
+step() { printf '%s\t%s\t%s\n' "${@//iqn.2025-01.org.example:/}" >>/out/steps; }
+
+# settle SECONDS CONDITION...: waits for the system; a wait in vain is a step that differs.
+settle() { await "$@" || step "wait: ${*:2}" "within $1 s" "in vain"; }
+
+zniscsi() { LD_LIBRARY_PATH=/build/lib timeout -k 5 100 /build/bin/zniscsi "$@"; }
+one_line() { paste -sd' '; }
+
+# agent ARGUMENT...: runs it; `came` is its exit status and its output, in one line.
+agent()
+{
+    zniscsi "$@" >/tmp/stdout 2>/tmp/stderr
+    came=$?
+    {
+        echo "$(cut -d' ' -f1 /proc/uptime) zniscsi $* -> $came"
+        cat /tmp/stdout /tmp/stderr
+    } >>/out/transcript
+    came="$came $(one_line </tmp/stdout)"
+}
+
+# refused WORDS ARGUMENT...: runs the agent; `came` is "refused: WORDS" when it failed, printed no
+# result, and gave its reasons under its own name and with these words.
+refused()
+{
+    agent "${@:2}"
+    if [ "$came" = "1 " ] && ! grep -qv '^zniscsi: ' /tmp/stderr && grep -qF "$1" /tmp/stderr; then
+        came="refused: $1"
+    else
+        came="$came$(one_line </tmp/stderr)"
+    fi
+}
+
+# at_once ARGUMENT...: two agents with the same arguments; `came` is what both gave, sorted.
+at_once()
+{
+    local number
+    for number in 1 2; do
+        (given=$(zniscsi "$@" 2>>/out/transcript); echo "$? $given" >/tmp/at-once.$number) &
+    done
+    wait
+    came=$(sort /tmp/at-once.? | one_line)
+}
+
+# --- what the system says
+
+address_of() { cat "/sys/class/iscsi_connection/connection${1##*session}:0/persistent_address"; }
+
+# sessions IQN [PORTAL]: their folders, in the order in which the tool reports them (1, 10, 2).
+sessions()
+{
+    local session
+    for session in /sys/class/iscsi_session/session*; do
+        [ "$(cat "$session/targetname")" = "$1" ] || continue
+        [ $# = 1 ] || [ "$(address_of "$session")" = "$2" ] || continue
+        echo "$session"
+    done 2>/dev/null
+}
+
+count() { sessions "$@" | wc -l; }
+
+disks()
+{
+    local session
+    for session in $(sessions "$@"); do
+        printf '%s\n' "$session"/device/target*/*/block/*
+    done | sed -n 's|.*/\(sd\)|/dev/\1|p' | one_line
+}
+
+# The portal and IQN to expect for a disk. Sessions of one target that follow each other share one
+# target line in the tool's report: each of their disks counts as one of the first portal.
+target_of()
+{
+    local session iqn
+    session=$(readlink -f "/sys/block/${1#/dev/}/device" | grep -o 'session[0-9]*')
+    iqn=$(cat "/sys/class/iscsi_session/$session/targetname")
+    echo "$(address_of "$(sessions "$iqn" | head -n 1)") $iqn"
+}
+
+recorded() { (cd /etc/iscsi/nodes && printf '%s\n' ./*/"$1",3260,1 | cut -d/ -f2 | sort | one_line); }
+is_recorded() { [ -e "/etc/iscsi/nodes/$2/$1,3260,1" ] && echo recorded || echo "not recorded"; }
+holders() { grep -rlF -e "$1" /written/upper /out | sed 's|^/written/upper||' | sort | one_line; }
+paths() { multipath -ll mpatha | grep -c 'active ready running'; }
+has_paths() { [ "$(paths)" = "$1" ]; }
+has_disks() { [ "$(disks "$1" | wc -w)" = "$2" ]; }
+all_logged_in() { ! grep -qv LOGGED_IN /sys/class/iscsi_session/*/state; }
+some_failed() { ! all_logged_in; }
+read_block() { dd if="$1" of=/dev/null bs=4096 count=1 iflag=direct status=none && echo readable; }
+
+# --- discovery and log-on
+
+for portal in "$portal1" "$portal2"; do
+    agent discover "$portal"
+    step "discover $portal" "0 chap multi plain, recorded: chap multi plain" \
+        "${came%% *} $(sort /tmp/stdout | one_line), recorded: $(recorded "$portal")"
+done
+refused "Connection refused" discover $portal1:3261
+step "discover at a port that is refused" "refused: Connection refused" "$came"
+
+agent logon $portal1 $plain
+step "log on" "0 logged on, 1 session" "$came, $(count $plain $portal1) session"
+agent disks $plain --wait 30
+step "disks appear (--wait)" "0 /dev/sd" "${came:0:9}"
+settle 60 has_disks $plain 2
+agent disks $plain
+step "disks, as sysfs has them" "0 $(disks $plain)" "$came"
+agent logon $portal1 $plain
+step "log on again" "0 already logged on, 1 session" "$came, $(count $plain) session"
+refused "No records found" logon 192.0.2.77 $plain
+step "log on where there is no record" "refused: No records found, 1 session" \
+    "$came, $(count $plain) session"
+
+refused "authorization failure" logon $portal1 $chap
+step "CHAP, no secret" "refused: authorization failure, 0 sessions" "$came, $(count $chap) sessions"
+refused "authorization failure" logon $portal1 $chap --chap-user $chap_user \
+    --chap-secret-stdin <<<"$wrong_secret"
+step "CHAP, a wrong secret" "refused: authorization failure, 0 sessions" \
+    "$came, $(count $chap) sessions"
+agent logon $portal1 $chap --chap-user $chap_user --chap-secret-file <(echo $chap_secret)
+step "CHAP, the right secret" "0 logged on, 1 session" "$came, $(count $chap) session"
+
+for portal in "$portal1" "$portal2"; do
+    agent logon "$portal" $multi
+    step "log on to a volume of two paths, $portal" "0 logged on, 1 session" \
+        "$came, $(count $multi "$portal") session"
+done
+settle 60 has_disks $chap 1
+settle 60 has_disks $multi 2
+settle 60 has_paths 2
+agent disks $multi
+step "disks of a volume of two paths" "0 $(disks $multi), 2 paths" "$came, $(paths) paths"
+
+# --- disks and targets
+
+for iqn in $plain $chap $multi; do
+    agent disk "$iqn"
+    step "disk of ${iqn##*:}" "0 $(disks "$iqn" | cut -d' ' -f1)" "$came"
+    for disk in $(disks "$iqn"); do
+        agent target "$disk"
+        step "target of $disk" "0 $(target_of "$disk")" "$came"
+        echo "$disk $(target_of "$disk")" >>/tmp/expected
+    done
+done
+agent sessions
+step "sessions, as sysfs has them" "0, 5 rows, 0 differ" "${came%% *}, $(wc -l </tmp/expected) rows, $(
+    tail -n +2 /tmp/stdout | tr -s ' ' | sort | comm -3 - <(sort /tmp/expected) | wc -l) differ"
+
+first=$(disks $plain | cut -d' ' -f1)
+echo ',,L' | sfdisk -q "$first"
+settle 60 test -b "${first}1"
+echo ',,L' | sfdisk -q --no-reread $map
+kpartx -a -s -p -part $map
+vgcreate -qq group $map-part1
+lvcreate -qq -y -n volume -l 100%FREE group
+for device in "${first}1" "$(find /dev/disk/by-path -lname "*/${first#/dev/}")"; do
+    agent target "$device"
+    step "target of ${device:0:30}" "0 $portal1 $plain" "$came"
+done
+for device in $map "$(readlink -f $map)" $map-part1 $volume; do
+    agent target "$device"
+    step "target of $device" "0 $portal1 $multi" "$came"
+done
+agent doctor
+step "doctor" "0 iscsid listens" "${came%% *} $(grep -o 'iscsid listens' /tmp/stdout)"
+
+# --- the target server dies and comes back
+
+pkill -KILL -x tgtd
+settle 60 some_failed
+agent disks $plain
+step "target server killed: disks" "0 $(disks $plain)" "$came"
+agent target $volume
+step "target server killed: target of volume" "0 $portal1 $multi" "$came"
+start_target_server
+settle 60 all_logged_in
+settle 60 has_paths 2
+agent disks $plain
+step "target server back: disks" "0 $(disks $plain), readable" "$came, $(read_block "$first")"
+agent disks $multi
+step "target server back: disks of two paths" "0 $(disks $multi), 2 paths, readable" \
+    "$came, $(paths) paths, $(read_block $volume)"
+
+# --- log-off and deletion
+
+refused "a session is using it" forget $portal1 $plain
+step "forget a record in use" "refused: a session is using it, recorded" \
+    "$came, $(is_recorded $portal1 $plain)"
+agent logoff $portal1 $plain
+settle 60 has_disks $plain 0
+step "log off" "0 logged off, 0 sessions, $first is gone" \
+    "$came, $(count $plain) sessions, $first $([ -e "$first" ] && echo "is there" || echo "is gone")"
+refused "a disk of $plain" disks $plain
+step "disks after that" "refused: a disk of $plain" "$came"
+refused "No matching sessions found" logoff $portal1 $plain
+step "log off again" "refused: No matching sessions found" "$came"
+agent forget $portal1 $plain
+step "forget" "0 forgotten, not recorded" "$came, $(is_recorded $portal1 $plain)"
+refused "No records found" forget $portal1 $plain
+step "forget again" "refused: No records found" "$came"
+
+agent logoff $portal1 $multi
+settle 60 has_disks $multi 1
+settle 60 has_paths 1
+agent target $volume
+step "one path logged off: target of volume" "0 $portal2 $multi, 1 path" "$came, $(paths) path"
+# Its sessions no longer follow each other: the report has a target line for each, with its own portal.
+agent logon $portal2 $plain
+agent logon $portal1 $multi
+settle 60 has_paths 2
+refused "does not match" target $volume
+step "another session between the paths' own" "refused: does not match, 2 paths" "$came, $(paths) paths"
+agent logoff $portal2 $plain
+
+# --- two agents at once
+
+for round in 1 2; do
+    at_once logon $portal2 $plain
+    step "two agents log on at once, $round" "0 already logged on 0 logged on, 1 session" \
+        "$came, $(count $plain) session"
+    at_once logoff $portal2 $plain
+    step "two agents log off at once, $round" "0 logged off 1 , 0 sessions" \
+        "$came, $(count $plain) sessions"
+done
+
+# --- the initiator daemon is down (last: when it comes back, it does not take up every session again)
+
+pkill -KILL -x iscsid
+refused "can not connect to iSCSI daemon" discover $portal1
+step "initiator daemon down: discover" "refused: can not connect to iSCSI daemon" "$came"
+refused "can not connect to iSCSI daemon" logon $portal2 $plain
+step "initiator daemon down: log on" "refused: can not connect to iSCSI daemon" "$came"
+agent disks $multi
+step "initiator daemon down: disks" "0 $(disks $multi)" "$came"
+agent doctor
+step "initiator daemon down: doctor" "0 iscsid is not seen to listen" \
+    "${came%% *} $(grep -o 'iscsid is not seen to listen' /tmp/stdout)"
+
+# --- the secret: all files written since the guest was started
+
+step "files that hold the secret: its node record" \
+    "/etc/iscsi/nodes/$chap/$portal1,3260,1/default" "$(holders $chap_secret)"
+step "files that hold the wrong secret" "" "$(holders $wrong_secret)"
+echo end >>/out/steps
