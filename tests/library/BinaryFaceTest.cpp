@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <fstream>
 #include <memory>
 #include <set>
 #include <sstream>
@@ -15,9 +16,9 @@ namespace
 // What a tool of the compiler's prints about the library.
 std::string ToolOutput(const std::string& tool)
 {
-    const std::string command = tool + " '" LIBRARY "' 2>&1"; // the build's own path
-    const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"),
-                                                     &pclose); // NOLINT(cert-env33-c)
+    const std::string command = tool + " '" LIBRARY "' 2>&1";
+    FILE* const opened = popen(command.c_str(), "r"); // NOLINT(cert-env33-c): no outside text in it
+    const std::unique_ptr<FILE, int (*)(FILE*)> pipe(opened, &pclose);
     std::string output;
     std::array<char, 4096> chunk{};
     while (pipe && std::fgets(chunk.data(), chunk.size(), pipe.get()) != nullptr)
@@ -27,37 +28,13 @@ std::string ToolOutput(const std::string& tool)
 
 TEST(BinaryFace, ExportsTheFunctionsAndNothingElse)
 {
-    const std::set<std::string> expected{
-        "GetInstance",
-        "ZnISCSICommonUtils::SetLogging(unsigned long long&)",
-        "ZnISCSICommonUtils::GetRegStr(char const*, char const*, char*, int)",
-        "ZnISCSICommonUtils::GetRegInt(char const*, char const*, int*)",
-        "ZnISCSIUnix::ParseDellMPIOOutput(std::string, std::vector<DellMPIOSessionInfo>&)",
-        "ZnISCSIUnix::GetDellMPIODeviceForTargetIQN(std::string, std::string&)",
-        "ZnISCSIUnix::GetPhysicalDeviceForMultipathDevice(std::string, std::vector<std::string>&)",
-        "ZnISCSILinuxRedhat::GetTargetIPAndIQNForDevice(char const*, char*, unsigned long&, char*, "
-        "unsigned long&)",
-        "ZnISCSILinuxRedhat::RefreshiSCSITargetPortal(char const*)",
-        "ZnISCSILinuxRedhat::LogOnToiSCSITarget(char const*, char const*)",
-        "ZnISCSILinuxRedhat::LogOffFromiSCSITarget(char const*, char const*)",
-        "ZnISCSILinuxRedhat::GetPhysicalDeviceForTargetIQN(char const*, char*, unsigned long&)",
-        "ZnISCSILinuxRedhat::GetPhysicalDevicesForTargetIQN(char const*, std::list<std::string>&)",
-        "ZnISCSILinuxRedhat::LogOnToiSCSITargetUsingCHAP(char const*, char const*, char const*, char "
-        "const*)",
-        "ZnISCSILinuxRedhat::DeleteiSCSIIQNFromiSCSIAdmDb(char const*, char const*)",
-        "RefreshISCSISystemBus_RedHat5(char const*)",
-        "LogOnToISCSITarget_RedHat5(char const*, char const*)",
-        "LogOnToISCSITargetUsingCHAP_RedHat5(char const*, char const*, char const*, char const*)",
-        "LogOffFromISCSITarget_RedHat5(char const*, char const*)",
-        "DeleteiSCSIIQNFromiSCSIAdmDb_RedHat5(char const*, char const*)",
-        "FindPhyDeviceNameFromISCSITargetIQN_RedHat5(std::string, std::list<std::string>&)",
-        "FindISCSITargetPortalAndIQN_RedHat5(std::string const&, std::string&, std::string&)",
-        "ParseIscsiadmSessionInfoOutput(std::string const&, std::vector<iSSCSISessionInfo>&)",
-    };
-    const auto shortened = [](std::string name)
-    {
-        const auto replaceAll = [&name](const std::string& from, const std::string& to)
-        {
+    std::set<std::string> expected;
+    std::ifstream list(DATA "exported-functions.txt");
+    for (std::string function; std::getline(list, function);)
+        expected.insert(function);
+    EXPECT_EQ(expected.size(), 23U);
+    const auto shortened = [](std::string name) {
+        const auto replaceAll = [&name](const std::string& from, const std::string& to) {
             for (std::size_t at; (at = name.find(from)) != std::string::npos;)
                 name.replace(at, from.size(), to);
         };
@@ -74,7 +51,6 @@ TEST(BinaryFace, ExportsTheFunctionsAndNothingElse)
          symbols >> address >> kind && std::getline(symbols >> std::ws, name);)
         exported.insert(shortened(name));
     EXPECT_EQ(exported, expected);
-    EXPECT_EQ(expected.size(), 23U);
 }
 
 TEST(BinaryFace, NeedsTheHostsLibrariesFirstAndInOrder)

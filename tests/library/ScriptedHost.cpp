@@ -10,8 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
-#include <cctype>
 #include <cstdarg>
 #include <cstdio>
 #include <utility>
@@ -20,49 +20,95 @@
 
 ScriptedHost g_host;
 
+void ScriptedHost::Happened(const std::string& what)
+{
+    transcript += std::string(m_contexts.size(), ' ') + what + '\n';
+    m_isOpening = false;
+}
+
+void ScriptedHost::Ran(const std::string& command)
+{
+    const std::string announced = "Running [" + Escaped(command) + "]\n";
+    const std::size_t end = transcript.size() - std::min(transcript.size(), announced.size());
+    if (transcript.compare(end, announced.size(), announced) == 0)
+        transcript.insert(transcript.size() - 1, " and does");
+    else
+        Happened("run " + Escaped(command));
+}
+
+void ScriptedHost::Opened(const std::string& context)
+{
+    if (m_isOpening)
+        transcript.insert(transcript.size() - 1, ' ' + context);
+    else
+        Happened(context);
+    m_contexts.push_back(context);
+    m_isOpening = true;
+}
+
+void ScriptedHost::Focused(const std::string& focus)
+{
+    EXPECT_TRUE(m_isOpening && m_contexts.back() == "platform") << "bound to " << focus << " too late";
+    transcript.insert(transcript.size() - 1, ' ' + focus);
+}
+
+void ScriptedHost::Closed(const std::string& context)
+{
+    ASSERT_FALSE(m_contexts.empty());
+    EXPECT_EQ(m_contexts.back(), context) << "closed out of order";
+    m_contexts.pop_back();
+    m_isOpening = false;
+}
+
 namespace
 {
 
-void Happened(const std::string& line)
+void WriteLine(const std::string& level, const std::string& tag, const char* format, va_list arguments)
 {
-    g_host.transcript += line + '\n';
-}
-
-void WriteLine(const std::string& level, const char* tag, const char* format, va_list arguments)
-{
-    if (level.front() == '2' && !g_host.keepsRawText)
+    if (g_host.hiddenTags.count(tag) != 0)
         return;
     std::array<char, 4096> text{};
-    std::vsnprintf(text.data(), text.size(), format, arguments);
-    Happened(level + ' ' + tag + ": " + text.data());
+    static_cast<void>(std::vsnprintf(text.data(), text.size(), format, arguments)); // may cut it
+    g_host.Happened(level + ' ' + tag + ": " + Escaped(text.data()));
 }
 
-const ScriptedDevice* FindScripted(const char* path)
+const ScriptedDevice& FindScripted(const char* path)
 {
+    static const ScriptedDevice none;
     const auto device = g_host.devices.find(path);
-    return device == g_host.devices.end() ? nullptr : &device->second;
+    return device == g_host.devices.end() ? none : device->second;
+}
+
+// Where the registry has `key` of `section`; the transcript says that it was looked up.
+const std::string* FindSetting(const char* section, const char* key)
+{
+    const std::string name = std::string(section) + ' ' + key;
+    g_host.Happened("read " + name);
+    const auto value = g_host.settings.find(name);
+    return value == g_host.settings.end() ? nullptr : &value->second;
 }
 
 } // namespace
 
 EvDebug::EvDebug(EvDebugFileInstance* instance) : m_instance(instance)
 {
-    Happened("debug{");
+    EXPECT_EQ(m_instance, nullptr);
+    g_host.Opened("log");
 }
 
 EvDebug::~EvDebug()
 {
-    Happened("}debug");
+    g_host.Closed("log");
 }
 
 EvEvent::EvEvent() : EvDebug(nullptr)
 {
-    Happened("event{");
+    g_host.Opened("event");
 }
 
 EvEvent::~EvEvent()
 {
-    Happened("}event");
+    g_host.Closed("event");
 }
 
 void EvDebug::Debug(const char* tag, const char* format, ...)
@@ -96,23 +142,25 @@ const char* ZNPI_Focus::getFocus()
 
 ZNPI_PlatformBase::ZNPI_PlatformBase()
 {
-    Happened("platform{");
+    g_host.Opened("platform");
 }
 
 ZNPI_PlatformBase::~ZNPI_PlatformBase()
 {
-    Happened("}platform");
+    g_host.Closed("platform");
 }
 
 void ZNPI_PlatformBase::setFocus(const char* focus)
 {
     m_focus = focus;
-    Happened(std::string("focus ") + m_focus);
+    g_host.Focused(m_focus);
 }
 
 int ZnProcess::system(const char* command, std::string* output, std::string* errorOutput, int, bool)
 {
-    Happened(std::string("run ") + command);
+    g_host.Ran(command);
+    // What an earlier run left there may repeat a secret.
+    EXPECT_TRUE(output->empty() && errorOutput->empty()) << "not wiped before the next run";
     if (g_host.runs.empty())
     {
         ADD_FAILURE() << "not expected to run: " << command;
@@ -125,10 +173,13 @@ int ZnProcess::system(const char* command, std::string* output, std::string* err
     return run.result;
 }
 
-extern "C" int access(const char* path, int mode) noexcept
+// By its own name, since the system's header names the parameters otherwise.
+extern "C" int ScriptedAccess(const char* path, int mode) noexcept __asm__("access");
+
+extern "C" int ScriptedAccess(const char* path, int mode) noexcept
 {
     EXPECT_EQ(mode, F_OK) << path;
-    Happened(std::string("access ") + path);
+    g_host.Happened(std::string("access ") + path);
     return g_host.missingTools.count(path) == 0 ? 0 : -1;
 }
 
@@ -137,7 +188,7 @@ std::int32_t g_iOsVersion = 0;
 
 void detectOSType()
 {
-    Happened("detect");
+    g_host.Happened("detect");
     g_iOsType = g_host.osType;
     g_iOsVersion = g_host.osVersion;
 }
@@ -152,94 +203,63 @@ std::string ZNPlatformInfo::getSectionName(const char* name, const char* subName
 
 int ZNPlatformInfo::getString(const char* section, const char* key, char* buffer, int bufferSize)
 {
-    const std::string name = std::string(section) + ' ' + key;
-    Happened("read " + name);
-    const auto value = g_host.settings.find(name);
-    if (value == g_host.settings.end())
+    const std::string* const value = FindSetting(section, key);
+    if (value == nullptr || value->size() >= static_cast<std::size_t>(bufferSize))
         return 0;
-    std::snprintf(buffer, static_cast<std::size_t>(bufferSize), "%s", value->second.c_str());
+    std::copy_n(value->c_str(), value->size() + 1, buffer);
     return 7; // any value but zero says "found"
 }
 
 bool ZNPlatformInfo::getRegInt(const char* section, const char* key, int* value)
 {
-    const std::string name = std::string(section) + ' ' + key;
-    Happened("read " + name);
-    const auto stored = g_host.settings.find(name);
-    if (stored == g_host.settings.end())
-        return false;
-    *value = std::stoi(stored->second);
-    return true;
+    const std::string* const stored = FindSetting(section, key);
+    if (stored != nullptr)
+        *value = std::stoi(*stored);
+    return stored != nullptr;
 }
 
 void HXSLEEP_InTeRnAl(unsigned long milliseconds, const char* file, int line)
 {
     EXPECT_GT(line, 0);
-    Happened("sleep " + std::to_string(milliseconds) + ' ' + file);
+    g_host.Happened("sleep " + std::to_string(milliseconds) + ' ' + file);
 }
 
 SP<ZnDevice> ZnDeviceTree::getDevice(const char* path, CHxError* error)
 {
     EXPECT_NE(error, nullptr);
-    Happened(std::string("device ") + path);
-    const ScriptedDevice* const device = FindScripted(path);
-    if (device == nullptr || !device->known)
-        return nullptr;
+    g_host.Happened(std::string("device ") + path);
+    const ScriptedDevice& device = FindScripted(path);
     std::list<SP<ZnDevice>> children;
-    for (const std::string& child : device->children)
+    for (const std::string& child : device.children)
         children.emplace_back(new ZnDevice(child, {}));
-    return new ZnDevice(path, children);
+    return device.isKnown ? new ZnDevice(path, children) : nullptr;
 }
 
 SP<ZnDevice> ZnDeviceTree::getParentDevice(const char* path, CHxError* error)
 {
     EXPECT_NE(error, nullptr);
-    Happened(std::string("parent ") + path);
-    const ScriptedDevice* const device = FindScripted(path);
-    if (device == nullptr || !device->parent)
-        return nullptr;
-    return new ZnDevice(*device->parent, {});
+    g_host.Happened(std::string("parent ") + path);
+    const std::string& parent = FindScripted(path).parent;
+    return parent.empty() ? nullptr : new ZnDevice(parent, {});
 }
 
 Instance MakeInstance()
 {
-    const ScriptedHost setUp = std::exchange(g_host, {});
-    ZnISCSI* const made = GetInstance();
-    g_host = setUp;
-    g_host.transcript.clear();
-    return Instance(static_cast<ZnISCSILinuxRedhat*>(made));
+    ScriptedHost setUp = std::exchange(g_host, {});
+    Instance made(static_cast<ZnISCSILinuxRedhat*>(GetInstance()));
+    g_host = std::move(setUp);
+    return made;
 }
 
-std::string InFullContext(const std::string& inside)
+std::string Escaped(const std::string& text)
 {
-    return "platform{\nfocus test\n" + InEventContext(inside) + "}platform\n";
-}
-
-// An event is a log object too: both layers open and close.
-std::string InEventContext(const std::string& inside)
-{
-    return "debug{\nevent{\n" + inside + "}event\n}debug\n";
-}
-
-std::string InPlainContext(const std::string& inside)
-{
-    return "debug{\n" + inside + "}debug\n";
-}
-
-std::string Lines(const std::string& tag, const std::vector<std::string>& lines)
-{
-    std::string all;
-    for (const std::string& line : lines)
+    static const std::map<char, std::string> escapes{
+        {'\n', "\\n"}, {'\r', "\\r"}, {'\t', "\\t"}, {'\0', "\\0"}, {'\\', "\\\\"}};
+    std::string escaped;
+    for (const char character : text)
     {
-        if (std::isalpha(static_cast<unsigned char>(line.front())) != 0)
-        {
-            all += line + '\n';
-            continue;
-        }
-        std::size_t text = line.find(' ') + 1;
-        if (line.compare(text, 1, "#") == 0)
-            text = line.find(' ', text) + 1;
-        all += line.substr(0, text) + tag + ": " + line.substr(text) + '\n';
+        const auto escape = escapes.find(character);
+        escaped += escape == escapes.end() ? std::string(1, character) : escape->second;
     }
-    return all;
+    return escaped;
 }

@@ -9,7 +9,6 @@
 #include <deque>
 #include <map>
 #include <memory>
-#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -23,26 +22,39 @@ struct ScriptedRun
 
 struct ScriptedDevice
 {
+    bool isKnown = false;              // whether the tree has the device itself
+    std::string parent;                // its name; empty: the tree knows no parent
     std::vector<std::string> children; // their names
-    std::optional<std::string> parent; // its name
-    bool known = true;                 // false: only the parent look-up succeeds
 };
 
-struct ScriptedHost
+class ScriptedHost
 {
+public:
     int osType = 1;
     int osVersion = 5;
     std::set<std::string> missingTools;
     std::deque<ScriptedRun> runs; // what the next runs answer; a run beyond them fails the test
     std::map<std::string, std::string> settings; // "SECTION KEY" to the value
     std::map<std::string, ScriptedDevice> devices;
-    bool keepsRawText = false; // whether the lines of level 2 are written down
+    std::set<std::string> hiddenTags; // whose log lines are not written down
 
-    // All that happened, a line each:
-    //   platform{  focus F  event{  debug{  }debug  }event  }platform
+    // All that happened, a line each, indented by a blank for each context that is open around it;
+    // texts and commands are escaped:
     //   LEVEL[ #JOB] TAG: TEXT      ("-" for a line without a level)
     //   access PATH, run COMMAND, detect, read SECTION KEY, sleep MS FILE, device PATH, parent PATH
+    //   platform FOCUS, log, event  (contexts; on one line where they open one right after the other)
+    // Where the log has just said "Running [COMMAND]", the run is an "and does" behind that.
     std::string transcript;
+
+    void Happened(const std::string& what);
+    void Ran(const std::string& command);
+    void Opened(const std::string& context);
+    void Focused(const std::string& focus);
+    void Closed(const std::string& context);
+
+private:
+    std::vector<std::string> m_contexts;
+    bool m_isOpening = false; // nothing has happened since the last context opened
 };
 
 // The host that the services act on; made anew by each test.
@@ -54,15 +66,8 @@ struct ReleaseStorage
 };
 using Instance = std::unique_ptr<ZnISCSILinuxRedhat, ReleaseStorage>;
 
-// An instance as a host gets it, whatever host the test has set up; leaves an empty transcript.
+// An instance as a host gets it, whatever host the test has set up; leaves no trace in the transcript.
 Instance MakeInstance();
 
-// Transcripts of the contexts, around what happens inside.
-std::string InFullContext(const std::string& inside);
-std::string InEventContext(const std::string& inside);
-std::string InPlainContext(const std::string& inside);
-
-// Lines of one tag. Each begins with its level ("-1 ", "0 "), followed by the job identifier where
-// there is one ("-1 #42 ..."); a line that begins with a letter (run, access, ...) or a brace is taken
-// as it stands.
-std::string Lines(const std::string& tag, const std::vector<std::string>& lines);
+// `text` with \n, \r, \t, \0 and \\ for these characters, so that it fits on a line.
+std::string Escaped(const std::string& text);

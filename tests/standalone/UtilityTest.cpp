@@ -51,11 +51,11 @@ TEST(SharedPointer, IsSharedAmongThreads)
     {
         const SP<Counted> shared(new Counted(alive));
         std::vector<std::thread> threads;
+        threads.reserve(4);
         for (int i = 0; i < 4; ++i)
             threads.emplace_back([&shared] {
                 for (int round = 0; round < 10000; ++round)
-                    const SP<Counted> share(
-                        shared); // NOLINT(performance-unnecessary-copy-initialization)
+                    SP<Counted>().assign(shared);
             });
         for (std::thread& thread : threads)
             thread.join();
@@ -74,7 +74,7 @@ std::chrono::milliseconds Slept(unsigned long milliseconds)
 
 TEST(Sleep, LastsThroughSignalsAndNoLongerThanAllowed)
 {
-    std::signal(SIGALRM, [](int) {});
+    ASSERT_NE(std::signal(SIGALRM, [](int) {}), SIG_ERR);
     const itimerval often{{0, 5000}, {0, 5000}};
     setitimer(ITIMER_REAL, &often, nullptr);
     EXPECT_GE(Slept(100).count(), 100);

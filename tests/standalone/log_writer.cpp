@@ -5,14 +5,14 @@
 #include "standalone/znlib/LogTap.h"
 
 #include <cstdio>
-#include <cstdlib>
+#include <string>
 
 int main(int argc, char** argv)
 {
     if (argc != 4)
         return 2;
-    const int level = std::atoi(argv[1]);
-    for (int line = 0; line < std::atoi(argv[2]); ++line)
+    const int level = std::stoi(argv[1]);
+    for (int line = std::stoi(argv[2]); line > 0; --line)
     {
         EvEvent log;
         log.DebugLvl("Writer", level, 42LL, "%s", argv[3]);

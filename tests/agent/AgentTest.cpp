@@ -1,0 +1,278 @@
+// zniscsi as a person or a program meets it, in the simulated machine. What is done there, and what has
+// to come of it, is in scenarios.txt:
+//
+//   == Title           a scenario, on a machine of its own
+//   scene {JSON}       changes simulated/scenes/demo.json, as a JSON merge patch
+//   $ COMMAND          run by a shell in that machine, behind prelude.sh
+//   > LINE             its standard output, line by line,
+//   ~ REGEX              or what is found in it,
+//   {JSON}               or some members of the one JSON object that it is
+//   ! REGEX            found in its standard error, which is empty where there is no such line
+//   = N                its exit status, 0 where there is no such line
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace
+{
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+const fs::path kSource = SOURCE;
+const fs::path kHere = kSource / "tests/agent";
+
+std::string ReadText(const fs::path& file)
+{
+    std::ifstream stream(file);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+std::vector<std::string> ReadLines(const fs::path& file)
+{
+    std::ifstream stream(file);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+struct Step
+{
+    std::string command;
+    std::string output{};
+    std::vector<std::string> outputPatterns{};
+    json object{};
+    std::vector<std::string> errorPatterns{};
+    int status = 0;
+};
+
+struct Scenario
+{
+    std::string title;
+    json sceneChanges = json::object();
+    std::vector<Step> steps{};
+};
+
+void AddExpectation(Step& step, const std::string& line)
+{
+    const std::string value = line.substr(std::min<std::size_t>(2, line.size()));
+    switch (line.front())
+    {
+    case '>':
+        step.output += value + '\n';
+        break;
+    case '~':
+        step.outputPatterns.push_back(value);
+        break;
+    case '{':
+        step.object = json::parse(line);
+        break;
+    case '!':
+        step.errorPatterns.push_back(value);
+        break;
+    case '=':
+        step.status = std::stoi(value);
+        break;
+    default:
+        throw std::invalid_argument("scenarios.txt: what is this? " + line);
+    }
+}
+
+std::vector<Scenario> ParseScenarios(const std::vector<std::string>& lines)
+{
+    std::vector<Scenario> scenarios;
+    for (const std::string& line : lines)
+    {
+        if (line.empty() || line.front() == '#')
+            continue;
+        if (line.rfind("== ", 0) == 0)
+            scenarios.push_back({line.substr(3)});
+        else if (line.rfind("scene ", 0) == 0)
+            scenarios.back().sceneChanges.merge_patch(json::parse(line.substr(6)));
+        else if (line.rfind("$ ", 0) == 0)
+            scenarios.back().steps.push_back({line.substr(2)});
+        else
+            AddExpectation(scenarios.back().steps.back(), line);
+    }
+    return scenarios;
+}
+
+// "Log on, twice" -> "LogOnTwice"
+std::string TestName(const std::string& title)
+{
+    std::string name;
+    bool begins = true;
+    for (const char letter : title)
+    {
+        const auto byte = static_cast<unsigned char>(letter);
+        if (std::isalnum(byte) != 0)
+            name += begins ? static_cast<char>(std::toupper(byte)) : letter;
+        begins = std::isalnum(byte) == 0 && letter != '\'';
+    }
+    return name;
+}
+
+// A folder of its own, gone with the test. Below it: given, what the test supplies; came, what the
+// steps printed; state, the machine's own.
+class InTheMachine : public testing::Test
+{
+public:
+    explicit InTheMachine(Scenario scenario) : m_scenario(std::move(scenario))
+    {
+        std::string folder = fs::temp_directory_path() / "agent-test.XXXXXX";
+        m_folder = mkdtemp(folder.data());
+        for (const char* name : {"given/secrets", "came"})
+            fs::create_directories(m_folder / name);
+    }
+    ~InTheMachine() override { fs::remove_all(m_folder); }
+
+    void TestBody() override;
+
+private:
+    void WriteScene() const
+    {
+        json scene = json::parse(ReadText(kSource / "simulated/scenes/demo.json"), nullptr, true, true);
+        scene.merge_patch(m_scenario.sceneChanges);
+        std::ofstream(m_folder / "given/scene.json") << scene;
+    }
+
+    // All steps in one shell.
+    void WriteScript() const
+    {
+        std::ofstream script(m_folder / "given/steps.sh");
+        script << "source=" << kSource << "\ntools='" TOOLS "'\n" << ReadText(kHere / "prelude.sh");
+        for (std::size_t i = 0; i < m_scenario.steps.size(); ++i)
+            script << "{\n"
+                   << m_scenario.steps[i].command << "\n} >came/" << i << ".out 2>came/" << i
+                   << ".err </dev/null\n"
+                   << "echo $? >came/" << i << ".status\n";
+    }
+
+    // The exit status of the machine itself; what it said is in the file machine.err.
+    int RunScript() const
+    {
+        const std::string line = "cd '" + m_folder.string() + "' && timeout 60 '" +
+                                 (kSource / "simulated/machine").string() +
+                                 "' --tools '" TOOLS "' --scene given/scene.json --state state "
+                                 "sh given/steps.sh 2>machine.err";
+        return WEXITSTATUS(
+            std::system(line.c_str())); // NOLINT(cert-env33-c): scenarios are shell lines
+    }
+
+    std::string Came(std::size_t step, const char* what) const
+    {
+        return ReadText(m_folder / "came" / (std::to_string(step) + what));
+    }
+
+    // The files that hold a secret, but for those that may.
+    std::vector<fs::path> FindSecrets() const
+    {
+        std::vector<std::string> secrets;
+        for (const auto& file : fs::directory_iterator(m_folder / "given/secrets"))
+            for (const std::string& line : ReadLines(file))
+                if (!line.empty())
+                    secrets.push_back(line);
+        std::vector<fs::path> found;
+        for (const auto& file : fs::recursive_directory_iterator(m_folder))
+        {
+            const fs::path path = file.path().lexically_relative(m_folder);
+            if (!fs::is_regular_file(file.symlink_status()) || *path.begin() == "given" ||
+                path == "state/state.json")
+                continue;
+            const std::string text = ReadText(file);
+            if (std::any_of(secrets.begin(), secrets.end(), [&](const std::string& secret) {
+                    return text.find(secret) != std::string::npos;
+                }))
+                found.push_back(path);
+        }
+        return found;
+    }
+
+    Scenario m_scenario;
+    fs::path m_folder;
+};
+
+void ExpectFound(const std::vector<std::string>& patterns, const std::string& text)
+{
+    for (const std::string& pattern : patterns)
+        EXPECT_TRUE(std::regex_search(text, std::regex(pattern))) << pattern << " is not in: " << text;
+}
+
+// The reasons of a failure, as standard error tells them.
+std::vector<std::string> Complaints(const std::string& error)
+{
+    const std::string mark = "zniscsi: ";
+    std::vector<std::string> complaints;
+    std::istringstream stream(error);
+    for (std::string line; std::getline(stream, line);)
+        if (line.rfind(mark, 0) == 0 && line.rfind(mark + "warning: ", 0) != 0)
+            complaints.push_back(line.substr(mark.size()));
+    return complaints;
+}
+
+// Exactly one object, with `expected` in it, that says the same as exit status and standard error.
+void ExpectObject(const json& expected, const std::string& output, int status, const std::string& error)
+{
+    const json object = json::parse(output, nullptr, false);
+    ASSERT_TRUE(object.is_object()) << output;
+    json patched = object;
+    patched.merge_patch(expected);
+    EXPECT_EQ(patched, object);
+    EXPECT_EQ(object.value("ok", status != 0), status == 0) << object;
+    EXPECT_EQ(object.value("exit", 0), status) << object;
+    const std::vector<std::string> none;
+    EXPECT_EQ(object.value("reasons", none), status == 0 ? none : Complaints(error)) << object;
+}
+
+void InTheMachine::TestBody()
+{
+    WriteScene();
+    WriteScript();
+    const int machineStatus = RunScript();
+    // For an ordinary user older kernels refuse the mounts.
+    if (machineStatus == 126 || (machineStatus == 127 && geteuid() != 0))
+        GTEST_SKIP() << "no simulated machine here, says " << ReadText(m_folder / "machine.err");
+    ASSERT_EQ(machineStatus, 0) << ReadText(m_folder / "machine.err");
+    for (std::size_t i = 0; i < m_scenario.steps.size() && !HasFailure(); ++i)
+    {
+        const Step& step = m_scenario.steps[i];
+        const std::string output = Came(i, ".out");
+        const std::string error = Came(i, ".err");
+        SCOPED_TRACE("$ " + step.command);
+        EXPECT_EQ(Came(i, ".status"), std::to_string(step.status) + '\n') << output << error;
+        if (!step.object.is_null())
+            ExpectObject(step.object, output, step.status, error);
+        else if (!step.outputPatterns.empty())
+            ExpectFound(step.outputPatterns, output);
+        else
+            EXPECT_EQ(output, step.output);
+        EXPECT_EQ(error.empty(), step.errorPatterns.empty()) << error;
+        ExpectFound(step.errorPatterns, error);
+    }
+    EXPECT_EQ(FindSecrets(), std::vector<fs::path>());
+}
+
+[[maybe_unused]] const bool kRegistered = [] {
+    for (const Scenario& scenario : ParseScenarios(ReadLines(kHere / "scenarios.txt")))
+        testing::RegisterTest("Agent", TestName(scenario.title).c_str(), nullptr, nullptr, __FILE__,
+                              __LINE__,
+                              [scenario]() -> testing::Test* { return new InTheMachine(scenario); });
+    return true;
+}();
+
+} // namespace

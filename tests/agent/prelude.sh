@@ -1,0 +1,35 @@
+# shellcheck shell=sh disable=SC2034
+# What the commands of every scenario may use. They run in a folder of their own, as root of the simulated
+# machine. No line of a file in given/secrets may turn up anywhere else.
+export ZN_LOG_LEVEL=2 # whatever could reach the log does
+log=$ZN_LOG_FILE
+iqn=iqn.2025-01.org.example
+secrets=given/secrets
+printf 'secret-12345-ok\n' >$secrets/right
+printf 'secret-of-somebody-else\n' >$secrets/wrong
+chmod 600 $secrets/*
+
+# setting KEY VALUE: in the registry's section [~iStoreNode].
+setting() {
+    sed -i "/^[;# ]*$1 *=/d; s/^\[~iStoreNode\]/&\n$1 = $2/" "$ZN_REGISTRY"
+}
+
+# terminal COMMAND: runs COMMAND in a terminal, where standard input is typed. What was shown is in the file
+# screen.
+terminal() {
+    SHELL=/bin/sh script -qefc "$1" screen >/dev/null
+}
+
+# keys WORDS KEYS: the keys that a person presses on seeing WORDS in the terminal.
+keys() {
+    for _ in $(seq 1000); do
+        ! grep -qs "$1" screen || break
+        sleep 0.02
+    done
+    printf '%b' "$2"
+}
+
+# A machine in the machine.
+machine() {
+    "$source/simulated/machine" --tools "$tools" "$@"
+}
