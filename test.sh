@@ -30,13 +30,19 @@ passed=0
 failed=0
 skipped=0
 
+# What the failed tests printed, and their names.
+show_failures() { # LOG
+    sed -n '/\*\*\*[FTE]/,/^ *[0-9]*\/[0-9]* Test/p' "$1" | cut -c 1-200 >"$1.failures"
+    head -n 200 "$1.failures"
+    sed -n '/The following tests FAILED/,$p' "$1"
+}
+
 # CTest's closing lines: "98% tests passed, 1 tests failed out of 61", and a list of what did not run.
 run_tests() { # PRESET
     local log="$log_folder/test-$1.log" total bad not_run
     echo "testing ($1)"
     if ! ctest --test-dir "build/$1" --output-on-failure -j "$(nproc)" >"$log" 2>&1 </dev/null; then
-        sed -n '/\*\*\*Failed\|\*\*\*Timeout\|\*\*\*Exception\|Failure$/,/^ *[0-9]*\/[0-9]* Test/p' "$log" | head -n 200 >&2
-        sed -n '/The following tests FAILED/,$p' "$log" >&2
+        show_failures "$log" >&2
     fi
     total=$(sed -n 's/.* tests failed out of \([0-9]*\)$/\1/p' "$log")
     bad=$(sed -n 's/.* tests passed, \([0-9]*\) tests failed out of .*/\1/p' "$log")
