@@ -18,9 +18,12 @@ public:
     CHxError& operator=(const CHxError&);
     ~CHxError();
 
+    // 0 for success.
+    std::int32_t getCode() const;
+
 private:
     explicit CHxError(std::int32_t code);
 
-    [[maybe_unused]] std::int32_t m_code; // read by the utility library alone
+    std::int32_t m_code;
     SP<FXErrorPrivate> m_detail;
 };

@@ -14,3 +14,8 @@ CHxError CHxError::Success()
 {
     return CHxError(0);
 }
+
+std::int32_t CHxError::getCode() const
+{
+    return m_code;
+}

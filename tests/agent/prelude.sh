@@ -1,4 +1,4 @@
-# shellcheck shell=sh disable=SC2034
+# shellcheck shell=sh disable=SC2034,SC2154
 # What the commands of every scenario may use. They run in a folder of their own, as root of the simulated
 # machine. No line of a file in given/secrets may turn up anywhere else.
 export ZN_LOG_LEVEL=2 # whatever could reach the log does
