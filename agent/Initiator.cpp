@@ -14,7 +14,7 @@ namespace
 // report.
 std::optional<std::string> RunReport(const char* command, const char* nothing)
 {
-    constexpr const char* kTag = "zniscsi";
+    constexpr const char* kTag = "zniscsi::RunReport";
     constexpr const char* kTool = "/sbin/iscsiadm";
     EvEvent log;
     if (access(kTool, F_OK) != 0)

@@ -49,7 +49,8 @@ public:
         app.add_option_function<std::string>("--log", SetLog,
                                              "Write the log to this file; \"-\" is standard error")
             ->option_text("FILE");
-        app.add_option("--job-id", request.jobId, "The job identifier that the log's lines carry")
+        app.add_option("--job-id", request.jobId,
+                       "The job identifier that the methods' log lines carry")
             ->option_text("N")
             ->check(FindNumberFault);
 

@@ -33,8 +33,3 @@ keys() {
 machine() {
     "$source/simulated/machine" --tools "$tools" "$@"
 }
-
-# The leak sanitizer, where the build has it, comes to grief over a library that is opened by name.
-readme_host() {
-    ASAN_OPTIONS=detect_leaks=0 command readme_host "$@"
-}
