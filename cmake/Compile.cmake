@@ -35,6 +35,9 @@ else()
   # libraries leave theirs to the program.)
   add_link_options($<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY>:-Wl,-z,defs>)
 endif()
+if(ZN_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link) # so that the fuzzers see their way through the libraries
+endif()
 add_link_options(-Wl,-z,now -Wl,-z,relro)
 
 # A library of the stand-alone host: what it exports is listed in its version script.
