@@ -86,24 +86,44 @@ struct Start
     char* const* environment;
     int streams[3];
     int error = 0;
+    const char* failure = "cannot start a process";
 };
+
+// The kernel's own form of an action: its handler, flags, restorer and mask, all zero for the default.
+// (The C library's function refuses the two signals that it uses itself.)
+struct KernelAction
+{
+    unsigned long handler, flags, restorer, mask;
+};
+constexpr unsigned long kIgnored = 1;
 
 // The child's part. It has descriptors and signals of its own but runs in this process's memory: it
 // does nothing but system calls, unseen by the sanitizers, which would take its doings for this
 // process's.
 __attribute__((no_sanitize("address"), no_sanitize("thread"))) int BecomeTool(void* argument)
 {
-    // All zero, as the kernel takes it. The C library's function refuses the two signals it uses
-    // itself.
-    static constexpr unsigned long kDefaultAction[4] = {};
+    static constexpr KernelAction kDefaultAction{};
     static constexpr unsigned long kNoSignals[1] = {};
     Start& start = *static_cast<Start*>(argument);
     for (int signal = 1; signal < NSIG; ++signal)
-        syscall(SYS_rt_sigaction, signal, kDefaultAction, nullptr, sizeof kNoSignals);
-    for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
-        syscall(SYS_dup3, start.streams[stream], stream, 0);
+    {
+        KernelAction action{};
+        if (signal == SIGHUP)
+            syscall(SYS_rt_sigaction, signal, nullptr, &action, sizeof kNoSignals);
+        if (action.handler != kIgnored)
+            syscall(SYS_rt_sigaction, signal, &kDefaultAction, nullptr, sizeof kNoSignals);
+    }
+    start.failure = "cannot give it its standard streams";
+    for (int stream = STDIN_FILENO; stream <= STDERR_FILENO && start.error == 0; ++stream)
+    {
+        if (syscall(SYS_dup3, start.streams[stream], stream, 0) < 0)
+            start.error = errno;
+    }
+    if (start.error != 0)
+        return EXIT_FAILURE;
     closefrom(STDERR_FILENO + 1);
     syscall(SYS_rt_sigprocmask, SIG_SETMASK, kNoSignals, nullptr, sizeof kNoSignals);
+    start.failure = nullptr;
     execve(start.words[0], start.words, start.environment);
     start.error = errno;
     return EXIT_FAILURE;
@@ -118,23 +138,24 @@ __attribute__((no_sanitize("address"), no_sanitize("thread"))) int BecomeTool(vo
 pid_t CloneTool(Start& start, int& pidfd)
 {
     constexpr int kFlags = CLONE_VM | CLONE_VFORK | CLONE_PIDFD | SIGCHLD;
-    std::vector<char> stack(65536);
+    // Not initialised: what the child does not use of it is never touched.
+    alignas(16) char stack[16384];
     sigset_t all, before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before); // no handler of this process runs in the child
-    const pid_t pid = __clone(BecomeTool, stack.data() + stack.size(), kFlags, &start, &pidfd);
+    const pid_t pid = __clone(BecomeTool, stack + sizeof stack, kFlags, &start, &pidfd);
     if (pid < 0)
         start.error = errno;
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     return pid;
 }
 
-// The result of a process that somebody else has reaped, or is just reaping.
-std::optional<int> ReadLostResult(const Descriptor& pidfd)
+// The end of a process that somebody else has reaped, or is just reaping.
+ChildEnd ReadLostEnd(const Descriptor& pidfd)
 {
     // The pidfd hangs up when the process is reaped. Its status may be there before; it is afterwards.
-    constexpr int kLongestReapingMs = 1000;
-    for (const int timeoutMs : {0, kLongestReapingMs})
+    constexpr int kMaxReapingMs = 1000;
+    for (const int timeoutMs : {0, kMaxReapingMs})
     {
         pollfd reaped{pidfd.Get(), 0, 0};
         Uninterrupted([&] { return poll(&reaped, 1, timeoutMs); });
@@ -142,12 +163,13 @@ std::optional<int> ReadLostResult(const Descriptor& pidfd)
         info.mask = kPidfdInfoExit;
         const bool isKnown = ioctl(pidfd.Get(), kPidfdGetInfo, &info) == 0;
         if (!isKnown && errno != ESRCH)
-            return std::nullopt;
+            break;
         const int status = info.waitStatus;
         if (isKnown && (info.mask & kPidfdInfoExit) != 0)
-            return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            return WIFEXITED(status) ? ChildEnd{WEXITSTATUS(status)}
+                                     : ChildEnd{128 + WTERMSIG(status), WTERMSIG(status)};
     }
-    return std::nullopt;
+    return {-1, 0, ECHILD};
 }
 
 } // namespace
@@ -171,7 +193,9 @@ ChildProcess::ChildProcess(char* const* words)
     {
         if (m_pid > 0)
             Uninterrupted([&] { return Wait(unused, WEXITED); });
-        throw std::system_error(start.error, std::generic_category());
+        const std::error_code error(start.error, std::generic_category());
+        throw start.failure == nullptr ? std::system_error(error)
+                                       : std::system_error(error, start.failure);
     }
     m_output = std::move(output.readEnd);
     m_errorOutput = std::move(errorOutput.readEnd);
@@ -183,30 +207,38 @@ ChildProcess::~ChildProcess()
     m_output.Close();
     m_errorOutput.Close();
     siginfo_t unused{};
-    if (!m_ended)
+    if (!m_hasEnded)
         Uninterrupted([&] { return Wait(unused, WEXITED); });
 }
 
 bool ChildProcess::HasEnded()
 {
-    if (m_ended)
+    if (m_hasEnded)
         return true;
-    siginfo_t end{};
-    if (Uninterrupted([&] { return Wait(end, WEXITED | WNOHANG); }) != 0)
-        m_result = ReadLostResult(m_pidfd);
-    else if (end.si_pid != 0)
-        m_result = end.si_code == CLD_EXITED ? end.si_status : 128 + end.si_status;
-    else
+    siginfo_t answer{};
+    const bool isAnswered = Uninterrupted([&] { return Wait(answer, WEXITED | WNOHANG); }) == 0;
+    if (isAnswered && answer.si_pid == m_pid)
+    {
+        const bool isKilled = answer.si_code != CLD_EXITED;
+        m_end = {isKilled ? 128 + answer.si_status : answer.si_status, isKilled ? answer.si_status : 0};
+    }
+    else if (!isAnswered && errno == ECHILD)
+        m_end = ReadLostEnd(m_pidfd);
+    else if (m_pidfd.IsOpen())
+        m_end.error = isAnswered ? 0 : errno;
+    else if (isAnswered)
         return false;
-    m_ended = true;
+    else
+        throw std::system_error(errno, std::generic_category(), "cannot wait for its end");
+    m_hasEnded = true;
     return true;
 }
 
-int ChildProcess::Wait(siginfo_t& end, int options) const
+int ChildProcess::Wait(siginfo_t& answer, int options) const
 {
     if (m_pidfd.IsOpen())
-        return waitid(kByPidfd, static_cast<id_t>(m_pidfd.Get()), &end, options);
-    return waitid(P_PID, static_cast<id_t>(m_pid), &end, options);
+        return waitid(kByPidfd, static_cast<id_t>(m_pidfd.Get()), &answer, options);
+    return waitid(P_PID, static_cast<id_t>(m_pid), &answer, options);
 }
 
 } // namespace znlib

@@ -8,12 +8,14 @@
 #include <sys/ioctl.h>
 
 #include <algorithm>
+#include <cstring>
 #include <exception>
 #include <stdexcept>
 #include <system_error>
 #include <vector>
 
 using znlib::Checked;
+using znlib::ChildEnd;
 using znlib::ChildProcess;
 using znlib::Descriptor;
 using znlib::Uninterrupted;
@@ -87,15 +89,17 @@ private:
 // is empty; at its end, closes it and returns 0.
 size_t ReadSome(Descriptor& pipe, std::string& text)
 {
-    constexpr size_t kFullPipe = 65536;
-    const size_t before = text.size();
-    ReserveWiping(text, before + kFullPipe);
-    text.resize(before + kFullPipe);
-    const auto count = Uninterrupted([&] { return read(pipe.Get(), &text[before], kFullPipe); });
-    text.resize(before + static_cast<size_t>(std::max<ssize_t>(count, 0)));
-    if (Checked(count, "cannot read its output") == 0)
+    // Not initialised: what is not read into is never touched.
+    char chunk[16384];
+    const auto count = static_cast<size_t>(
+        Checked(Uninterrupted([&] { return read(pipe.Get(), chunk, sizeof chunk); }),
+                "cannot read its output"));
+    ReserveWiping(text, text.size() + count);
+    text.append(chunk, count);
+    explicit_bzero(chunk, count);
+    if (count == 0)
         pipe.Close();
-    return text.size() - before;
+    return count;
 }
 
 // Appends what lies in `pipe` to `text`, but nothing that is written later: there may be no end of
@@ -115,9 +119,9 @@ void ReadRest(Descriptor& pipe, std::string& text)
 // leaves behind may hold these open.
 void CaptureUntilEnd(ChildProcess& child, std::string& output, std::string& errorOutput)
 {
-    constexpr int kLongestPauseMs = 50;
+    constexpr int kMaxPauseMs = 50;
     int pauseMs = 1; // between two looks at a child that has no event for its end
-    while (!child.HasEnded())
+    for (bool hasEnded = false; !hasEnded;)
     {
         pollfd events[] = {{child.Output().Get(), POLLIN, 0},
                            {child.ErrorOutput().Get(), POLLIN, 0},
@@ -130,10 +134,35 @@ void CaptureUntilEnd(ChildProcess& child, std::string& output, std::string& erro
             ReadSome(child.Output(), output);
         if (events[1].revents != 0)
             ReadSome(child.ErrorOutput(), errorOutput);
-        pauseMs = std::min(2 * pauseMs, kLongestPauseMs);
+        if (events[2].revents != 0 || !child.EndEvent().IsOpen())
+            hasEnded = child.HasEnded();
+        pauseMs = std::min(2 * pauseMs, kMaxPauseMs);
     }
     ReadRest(child.Output(), output);
     ReadRest(child.ErrorOutput(), errorOutput);
+}
+
+// What there is to say about a run beyond the tool's own words; nothing about a success, or about a
+// failure that the tool has explained.
+std::string DescribeEnd(const std::string& tool, const ChildEnd& end, const std::string& errorOutput)
+{
+    if (end.signal != 0)
+        return tool + ": killed by signal " + std::to_string(end.signal);
+    if (end.result > 0 && errorOutput.empty())
+        return tool + ": ended with exit status " + std::to_string(end.result) + " and said nothing";
+    if (end.result >= 0)
+        return "";
+    const std::string unknown = "cannot tell the exit status of " + tool + ": ";
+    if (end.error == ECHILD)
+        return unknown + "taken away by this process, which ignores SIGCHLD or reaps every child";
+    return unknown + (end.error == 0 ? "the kernel's answer was about no child of this process"
+                                     : std::generic_category().message(end.error));
+}
+
+void AppendLine(std::string& text, const std::string& line)
+{
+    ReserveWiping(text, text.size() + 1 + line.size());
+    text.append(text.empty() || text.back() == '\n' ? "" : "\n").append(line);
 }
 
 // As ZnProcess::system, for a line that has words. Throws when the tool cannot be started or read.
@@ -143,14 +172,10 @@ int Run(const Words& words, std::string& output, std::string& errorOutput)
         throw std::invalid_argument("not a full path");
     ChildProcess child(words.All());
     CaptureUntilEnd(child, output, errorOutput);
-    if (child.Result())
-        return *child.Result();
-    const std::string reason =
-        "cannot tell the exit status of " + std::string(words.Tool()) +
-        ": taken away by this process, which ignores SIGCHLD or reaps every child";
-    ReserveWiping(errorOutput, errorOutput.size() + 1 + reason.size());
-    errorOutput += errorOutput.empty() || errorOutput.back() == '\n' ? reason : '\n' + reason;
-    return kFailedRun;
+    const std::string sentence = DescribeEnd(words.Tool(), child.End(), errorOutput);
+    if (!sentence.empty())
+        AppendLine(errorOutput, sentence);
+    return child.End().result;
 }
 
 } // namespace

@@ -111,7 +111,11 @@ INSTANTIATE_TEST_SUITE_P(
         LineCase{"RunsOfBlanks", "  " RUNNER_CHILD "  echo   one  two ", 0, "one\ntwo\n", ""},
         LineCase{"ExitStatus", RUNNER_CHILD " unknown", 2, "",
                  "runner_child: no such action: unknown\n"},
-        LineCase{"Signal", RUNNER_CHILD " signal 9", 137, "", ""},
+        LineCase{"Silent", RUNNER_CHILD " flood 0 7", 7, "",
+                 RUNNER_CHILD ": ended with exit status 7 and said nothing"},
+        LineCase{"Signal", RUNNER_CHILD " signal 9", 137, "", RUNNER_CHILD ": killed by signal 9"},
+        LineCase{"SignalBehindWords", RUNNER_CHILD " signal 15 bye", 143, "",
+                 "bye\n" RUNNER_CHILD ": killed by signal 15"},
         LineCase{"MissingTool", "/no/such/tool secret", -1, "",
                  "cannot run /no/such/tool: No such file or directory"},
         LineCase{"NotExecutable", "/etc/passwd secret", -1, "",
@@ -233,7 +237,10 @@ class AnyHost : public testing::TestWithParam<std::tuple<Host, Kernel>>
             const std::string command = RUNNER_CHILD " flood " + std::to_string(blocks) + ' ' +
                                         std::to_string(status) + " hold";
             const auto [result, output, errorOutput] = RunTool(command.c_str());
-            const bool isTold = result == status && errorOutput == Flood(blocks, 'A');
+            const std::string words = blocks > 0 ? Flood(blocks, 'A')
+                                                 : RUNNER_CHILD ": ended with exit status " +
+                                                       std::to_string(status) + " and said nothing";
+            const bool isTold = result == status && errorOutput == words;
             const bool isTaken =
                 result == -1 &&
                 errorOutput == Flood(blocks, 'A') + (blocks > 0 ? "\n" : "") + kTakenAway;
@@ -298,7 +305,7 @@ TEST(ProcessRunner, GivesTheToolATidyStart)
                 "^input /dev/null at its end\n"
                 "descriptors . .. 0 1 2\n"
                 "SigBlk:\t0000000000000000\n"
-                "SigIgn:\t0000000000000000\n"
+                "SigIgn:\t0000000000000001\n" // SIGHUP: the tool outlives a hang-up as its host does
                 "RUNNER_TEST=kept\n"
                 "LC_ALL=C\n$");
 }
@@ -330,16 +337,44 @@ TEST(ProcessRunner, IsNotCutShortByCancellation)
     EXPECT_EQ(outcome.output, Flood(4, 'a'));
 }
 
-TEST(ProcessRunner, SaysThatDescriptorsHaveRunOut)
+struct Refusal
 {
-    const rlimit few{5, 5};
+    const char* name;
+    void (*prepare)();
+    const char* errorOutput; // what it ends with
+};
+
+class RefusedRun : public testing::TestWithParam<Refusal>
+{
+};
+
+TEST_P(RefusedRun, SaysWhy)
+{
     EXPECT_EXIT(
         {
-            setrlimit(RLIMIT_NOFILE, &few);
-            std::cerr << RunTool(RUNNER_CHILD " echo").errorOutput;
-            _exit(0);
+            GetParam().prepare();
+            const Outcome outcome = RunTool(RUNNER_CHILD " echo");
+            std::cerr << outcome.errorOutput;
+            _exit(outcome.result == -1 ? 0 : 1);
         },
-        testing::ExitedWithCode(0), "runner_child: cannot make a pipe: Too many open files$");
+        testing::ExitedWithCode(0), std::string("runner_child: ") + GetParam().errorOutput + "$");
 }
+
+void LimitDescriptors()
+{
+    const rlimit few{5, 5};
+    setrlimit(RLIMIT_NOFILE, &few);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    ProcessRunner, RefusedRun,
+    testing::Values(
+        Refusal{"NoDescriptors", LimitDescriptors, "cannot make a pipe: Too many open files"},
+        Refusal{"NoStream", [] { Refuse(SYS_dup3, 1, 1, EBUSY); },
+                "cannot give it its standard streams: Device or resource busy"},
+        Refusal{"NoStatus", [] { Refuse(SYS_waitid, 0, 3, EPERM); }, "Operation not permitted"},
+        Refusal{"ForeignStatus", [] { Refuse(SYS_waitid, 0, 3, 0); },
+                "the kernel's answer was about no child of this process"}),
+    [](const auto& row) { return row.param.name; });
 
 } // namespace

@@ -99,7 +99,10 @@ int main(int argc, char** argv)
     if (action == "state")
         return State(arguments);
     if (action == "signal")
+    {
+        std::cerr << (arguments.size() > 1 ? arguments[1] : "");
         return raise(std::stoi(arguments.at(0)));
+    }
     std::cerr << "runner_child: no such action: " << action << '\n';
     return 2;
 }
