@@ -1,7 +1,7 @@
 #include "agent/Arguments.h"
 
 #include "agent/Portal.h"
-#include "standalone/znlib/Registry.h"
+#include "standalone/znlib/Text.h"
 
 #include <algorithm>
 

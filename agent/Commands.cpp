@@ -6,7 +6,7 @@
 #include "agent/Secret.h"
 #include "agent/Terminal.h"
 #include "standalone/hxutils/Pauses.h"
-#include "standalone/znlib/LogFile.h"
+#include "standalone/znlib/Text.h"
 
 #include <algorithm>
 #include <array>
@@ -63,7 +63,7 @@ std::string Lines(const Values& values)
 {
     std::string text;
     for (const std::string& value : values)
-        text += znhost::EscapeControls(value) + '\n';
+        text += znhost::Printable(value) + '\n';
     return text;
 }
 
@@ -108,9 +108,8 @@ std::string FormatTable(const std::vector<iSSCSISessionInfo>& disks)
 {
     std::vector<iSSCSISessionInfo> rows{{"DEVICE", "PORTAL", "IQN"}};
     for (const iSSCSISessionInfo& disk : disks)
-        rows.push_back({znhost::EscapeControls(disk.sDeviceName),
-                        znhost::EscapeControls(disk.sTargetPortal),
-                        znhost::EscapeControls(disk.sTargetVolIQN)});
+        rows.push_back({znhost::Printable(disk.sDeviceName), znhost::Printable(disk.sTargetPortal),
+                        znhost::Printable(disk.sTargetVolIQN)});
     std::size_t deviceWidth = 0, portalWidth = 0;
     for (const iSSCSISessionInfo& row : rows)
     {

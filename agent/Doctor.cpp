@@ -101,12 +101,14 @@ Check CheckRegistry()
 // A line that the log shows tells whether it takes any.
 Check CheckLog()
 {
-    EvEvent().DebugLvl("zniscsi", std::min(0, znhost::CurrentLogSettings().level),
-                       "Examining this host.");
-    const std::string trouble = znhost::LogTrouble();
-    if (!trouble.empty() && trouble != RegistryTrouble()) // what the registry lacks is said once
+    const znhost::LogSettings& settings = znhost::CurrentLogSettings();
+    if (const std::string fault = settings.fault; !fault.empty() && fault != RegistryTrouble())
+        return {"log", fault, "Correct the setting, in the environment (ZN_LOG_...) or the registry.",
+                Exit::Failed};
+    EvEvent().DebugLvl("zniscsi", std::min(0, settings.level), "Examining this host.");
+    if (const std::string trouble = znhost::LogTrouble(); !trouble.empty())
         return {"log", trouble, "Name another file: --log FILE or ZN_LOG_FILE.", Exit::Failed};
-    const std::string& file = znhost::CurrentLogSettings().file;
+    const std::string file = settings.file;
     return {"log", file == "-" ? "standard error" : file};
 }
 

@@ -1,7 +1,7 @@
 #include "agent/LogWatch.h"
 
 #include "agent/Terminal.h"
-#include "standalone/znlib/LogFile.h"
+#include "standalone/znlib/Text.h"
 
 #include <algorithm>
 #include <iostream>
@@ -84,7 +84,7 @@ void LogWatch::Hear(const znhost::LogEntry& entry)
     if (m_verbosity > 0)
     {
         EraseStatusLine();
-        std::cerr << entry.tag + (": " + znhost::EscapeControls(entry.text)) + '\n';
+        std::cerr << entry.tag + (": " + znhost::Printable(entry.text)) + '\n';
     }
     if (entry.level < 0)
         m_errors.push_back(entry.text);

@@ -1,7 +1,7 @@
 // What the library writes to the log while a command runs: the only place where it says why it failed.
 #pragma once
 
-#include "standalone/znlib/LogTap.h"
+#include "standalone/znlib/Log.h"
 
 #include <functional>
 #include <string>

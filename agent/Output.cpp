@@ -1,7 +1,7 @@
 #include "agent/Output.h"
 
 #include "agent/Terminal.h"
-#include "standalone/znlib/LogFile.h"
+#include "standalone/znlib/Text.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -46,5 +46,5 @@ void PrintJson(const Answer& answer)
 void Complain(const std::string& line)
 {
     EraseStatusLine();
-    std::cerr << "zniscsi: " + znhost::EscapeControls(line) + '\n';
+    std::cerr << "zniscsi: " + znhost::Printable(line) + '\n';
 }

@@ -2,7 +2,7 @@
 
 #include "agent/Commands.h"
 #include "agent/Terminal.h"
-#include "standalone/znlib/LogTap.h"
+#include "standalone/znlib/Log.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -217,9 +217,11 @@ int main(int argc, char** argv)
         const Answer answer = Run(line, argc, argv);
         for (const std::string& reason : answer.reasons)
             Complain(reason);
-        const std::string trouble = znhost::LogTrouble();
-        if (!trouble.empty() && line.chosen != Examine)
-            Complain("warning: " + trouble);
+        if (line.chosen != nullptr && line.chosen != Examine)
+            for (const std::string& trouble :
+                 {znhost::CurrentLogSettings().fault + std::string(), znhost::LogTrouble()})
+                if (!trouble.empty())
+                    Complain("warning: " + trouble);
         (line.json ? PrintJson : PrintText)(answer);
         return static_cast<int>(answer.exit);
     }

@@ -1,22 +1,27 @@
-#include "host/EvDebug.h"
-#include "standalone/znlib/LogFile.h"
-#include "standalone/znlib/LogTap.h"
-#include "standalone/znlib/Registry.h"
+#include "standalone/znlib/Log.h"
 
+#include "host/EvDebug.h"
+#include "standalone/znlib/LocalTime.h"
+#include "standalone/znlib/LogFile.h"
+#include "standalone/znlib/Registry.h"
+#include "standalone/znlib/Text.h"
+
+#include <array>
+#include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
-#include <iomanip>
+#include <cstring>
 #include <memory>
-#include <mutex>
-#include <sstream>
-#include <system_error>
 
+#include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+// Nothing here takes a lock: a child forked while another thread held it would wait for it for ever.
+// Nothing here has a destructor: lines are written while the process ends, too.
 namespace
 {
 
@@ -29,31 +34,19 @@ constexpr int kNoLevel = 0; // what a line without a level counts as
 // The innermost tap of this thread.
 thread_local const LogTap* t_tap = nullptr;
 
-class Trouble
+std::array<char, PATH_MAX> g_file{"/var/log/zniscsi.log"};
+std::array<char, 512> g_fault{};
+constexpr unsigned long long kMebibyte = 1ULL << 20U;
+LogSettings g_settings{g_file.data(), 0, 10 * kMebibyte, g_fault.data()};
+constexpr pid_t kRead = -1;
+std::atomic<pid_t> g_settingsReader{0}; // the process that reads them, then kRead
+
+// Of the last line that was lost.
+std::atomic<int> g_writeError{0};
+
+void SetFault(const std::string& sentence)
 {
-public:
-    void Set(const std::string& sentence)
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_sentence = sentence;
-    }
-
-    std::string Get() const
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return m_sentence;
-    }
-
-private:
-    mutable std::mutex m_mutex;
-    std::string m_sentence;
-};
-
-// Never destroyed: lines may be written while the process ends.
-Trouble& LogTroubleOfProcess()
-{
-    static Trouble& trouble = *new Trouble;
-    return trouble;
+    std::snprintf(g_fault.data(), g_fault.size(), "%s", sentence.c_str());
 }
 
 // A setting's text: from the environment, else from the registry, else empty.
@@ -64,35 +57,46 @@ std::string ReadSetting(const char* variable, const char* key)
     std::string error;
     const std::optional<std::string> stored = znhost::ReadRegistryValue("Log", key, error);
     if (!error.empty())
-        LogTroubleOfProcess().Set(error);
+        SetFault(error);
     return stored.value_or("");
 }
 
-// The number in `text` when it is a whole one from `least` to `most`, else `usual`.
+// Sets `setting` to the number in `text` when it is a whole one from `lowest` to `highest`.
 template <class Number>
-Number NumberOr(Number usual, const std::string& text, const char* name, Number least, Number most)
+void SetNumber(Number& setting, const std::string& text, const char* name, Number lowest,
+               Number highest)
 {
     if (text.empty())
-        return usual;
+        return;
     const std::optional<Number> number = znhost::ParseNumber<Number>(text);
-    if (number && *number >= least && *number <= most)
-        return *number;
-    LogTroubleOfProcess().Set("the log's " + std::string(name) + " cannot be \"" + text +
-                              "\": a whole number from " + std::to_string(least) + " to " +
-                              std::to_string(most) + " is needed");
-    return usual;
+    if (number && *number >= lowest && *number <= highest)
+        setting = *number;
+    else
+        SetFault("the log's " + std::string(name) + " cannot be \"" + text +
+                 "\": a whole number from " + std::to_string(lowest) + " to " +
+                 std::to_string(highest) + " is needed");
 }
 
-LogSettings ReadLogSettings()
+void SetFile(const std::string& file)
 {
-    constexpr unsigned long long kMebibyte = 1ULL << 20U;
-    LogSettings settings{"/var/log/zniscsi.log", 0, 10 * kMebibyte};
-    if (std::string file = ReadSetting("ZN_LOG_FILE", "File"); !file.empty())
-        settings.file = std::move(file);
-    settings.level = NumberOr(settings.level, ReadSetting("ZN_LOG_LEVEL", "Level"), "level", -1, 2);
-    settings.maxSizeBytes = NumberOr(settings.maxSizeBytes, ReadSetting("ZN_LOG_MAX_SIZE", "MaxSize"),
-                                     "size limit", 0ULL, kMebibyte << 20U);
-    return settings;
+    if (file.size() >= g_file.size())
+        SetFault("the log's file cannot be \"" + file.substr(0, 32) + "...\": the name is too long");
+    else if (!file.empty())
+        std::memcpy(g_file.data(), file.c_str(), file.size() + 1);
+}
+
+// What cannot be read keeps its default.
+void ReadLogSettings() noexcept
+try
+{
+    SetFile(ReadSetting("ZN_LOG_FILE", "File"));
+    SetNumber(g_settings.level, ReadSetting("ZN_LOG_LEVEL", "Level"), "level", -1, 2);
+    SetNumber(g_settings.maxSizeBytes, ReadSetting("ZN_LOG_MAX_SIZE", "MaxSize"), "size limit", 0ULL,
+              kMebibyte << 20U);
+}
+catch (const std::exception& error)
+{
+    std::snprintf(g_fault.data(), g_fault.size(), "cannot read the log's settings: %s", error.what());
 }
 
 bool FileShows(int level)
@@ -114,50 +118,38 @@ std::string Format(const char* format, va_list arguments)
     return text;
 }
 
-// "2026-11-22 21:10:05.123 +0000"
-std::string Now()
-{
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    std::tm local{};
-    localtime_r(&now.tv_sec, &local);
-    std::ostringstream text;
-    text << std::put_time(&local, "%Y-%m-%d %H:%M:%S.") << std::setw(3) << std::setfill('0')
-         << now.tv_nsec / 1'000'000 << std::put_time(&local, " %z");
-    return text.str();
-}
-
 // 2026-11-22 21:10:05.123 +0000 [812:815] -1 job=42 ZnISCSILinux::LogOnToiSCSITarget: Invalid
 // parameters.
 std::string Line(const LogEntry& entry)
 {
-    std::string line = Now();
+    std::string line;
+    znlib::AppendLocalTime(line);
     line += " [" + std::to_string(getpid()) + ':' + std::to_string(syscall(SYS_gettid)) + "] ";
     line += std::to_string(entry.level);
     if (entry.jobId)
         line += " job=" + std::to_string(*entry.jobId);
-    line += ' ' + znhost::EscapeControls(entry.tag) + ": " + znhost::EscapeControls(entry.text);
+    line += ' ';
+    znhost::AppendPrintable(line, entry.tag);
+    line += ": ";
+    znhost::AppendPrintable(line, entry.text);
+    line += '\n';
     return line;
 }
 
-void WriteToFile(const EvDebugFileInstance* instance, const LogEntry& entry)
-{
-    const LogSettings& settings = znhost::CurrentLogSettings();
-    const std::string& file = instance == nullptr ? settings.file : instance->File();
-    if (const int error = znhost::AppendLine(file, Line(entry), settings.maxSizeBytes); error != 0)
-        LogTroubleOfProcess().Set("cannot write the log " + file + ": " +
-                                  std::generic_category().message(error));
-}
-
-void Write(const EvDebugFileInstance* instance, int level, std::optional<long long> jobId,
-           const char* tag, const char* format, va_list arguments)
+void Write(int level, std::optional<unsigned long long> jobId, const char* tag, const char* format,
+           va_list arguments)
 {
     const int callersError = errno;
     const LogEntry entry{level, jobId, tag, Format(format, arguments)};
     if (TapHears(level))
         t_tap->Hear(entry);
     if (FileShows(level))
-        WriteToFile(instance, entry);
+    {
+        const LogSettings& settings = znhost::CurrentLogSettings();
+        const int error = znlib::AppendLines(settings.file, Line(entry), settings.maxSizeBytes);
+        if (error != 0)
+            g_writeError = error;
+    }
     errno = callersError;
 }
 
@@ -176,17 +168,31 @@ LogTap::~LogTap()
 
 const LogSettings& znhost::CurrentLogSettings()
 {
-    static const LogSettings& settings = *new LogSettings(ReadLogSettings());
-    return settings;
+    for (pid_t reader = 0; (reader = g_settingsReader.load(std::memory_order_acquire)) != kRead;)
+    {
+        if (reader == getpid())
+            sched_yield(); // another thread of this process is reading them
+        else if (g_settingsReader.compare_exchange_strong(reader, getpid()))
+        {
+            // Nobody has begun, or a parent process had at the fork: that one reads for itself.
+            ReadLogSettings();
+            g_settingsReader.store(kRead, std::memory_order_release);
+        }
+    }
+    return g_settings;
 }
 
 std::string znhost::LogTrouble()
 {
-    return LogTroubleOfProcess().Get();
+    const int error = g_writeError;
+    if (error == 0)
+        return "";
+    return std::string("cannot write the log ") + g_settings.file + ": " +
+           (error == ELOOP ? "a symbolic link there is another user's, or leads round in a circle"
+                           : std::generic_category().message(error));
 }
 
-EvDebugFileInstance::EvDebugFileInstance(std::string file) : m_file(std::move(file)) {}
-
+// The stand-alone host has no log files but the usual one.
 EvDebug::EvDebug(EvDebugFileInstance* instance) : m_instance(instance) {}
 EvDebug::~EvDebug() = default;
 EvEvent::EvEvent() : EvDebug(nullptr) {}
@@ -198,7 +204,7 @@ void EvDebug::Debug(const char* tag, const char* format, ...)
         return;
     va_list arguments;
     va_start(arguments, format);
-    Write(m_instance, kNoLevel, std::nullopt, tag, format, arguments);
+    Write(kNoLevel, std::nullopt, tag, format, arguments);
     va_end(arguments);
 }
 
@@ -208,7 +214,7 @@ void EvDebug::DebugLvl(const char* tag, int level, const char* format, ...)
         return;
     va_list arguments;
     va_start(arguments, format);
-    Write(m_instance, level, std::nullopt, tag, format, arguments);
+    Write(level, std::nullopt, tag, format, arguments);
     va_end(arguments);
 }
 
@@ -218,6 +224,7 @@ void EvDebug::DebugLvl(const char* tag, int level, long long jobId, const char* 
         return;
     va_list arguments;
     va_start(arguments, format);
-    Write(m_instance, level, jobId, tag, format, arguments);
+    // Job identifiers are unsigned; only the call carries them as signed numbers.
+    Write(level, static_cast<unsigned long long>(jobId), tag, format, arguments);
     va_end(arguments);
 }

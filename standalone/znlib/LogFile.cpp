@@ -2,17 +2,19 @@
 
 #include "standalone/znlib/Descriptor.h"
 
-#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
+#include <climits>
+#include <csignal>
 #include <cstdio>
-#include <cstdlib>
-#include <memory>
-#include <string_view>
+#include <ctime>
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 
 namespace
 {
@@ -21,15 +23,115 @@ using znlib::Descriptor;
 using znlib::Uninterrupted;
 using FileStatus = struct stat;
 
-// Readable by its owner: the log names hosts, targets and CHAP users.
-constexpr mode_t kLogMode = 0600;
-
-Descriptor OpenLog(const std::string& path)
+struct OpenFile
 {
-    // Not to hang on a FIFO that nobody reads.
-    return Descriptor(open(
-        path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, kLogMode));
+    Descriptor descriptor; // not open: errno says why
+    std::string path;      // where the symbolic links have led
+};
+
+Descriptor OpenToAppend(const std::string& path, int furtherFlags)
+{
+    // O_NONBLOCK: opening a FIFO without a reader must not block.
+    constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+    // Readable by its owner: the log names hosts, targets and CHAP users.
+    constexpr mode_t kMode = 0600;
+    return Descriptor(open(path.c_str(), kFlags | furtherFlags, kMode));
 }
+
+// What the symbolic link `path` contains; empty, and errno set, when it is not to be followed.
+std::string ReadTrustedLink(const std::string& path)
+{
+    // One descriptor for both questions: the link that is read is the link whose owner is known.
+    const Descriptor link(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    FileStatus status{};
+    std::array<char, PATH_MAX> target{};
+    if (!link.IsOpen() || fstat(link.Get(), &status) != 0)
+        return {};
+    errno = ELOOP;
+    if (status.st_uid != 0 && status.st_uid != geteuid())
+        return {};
+    const ssize_t length = readlinkat(link.Get(), "", target.data(), target.size());
+    return {target.data(), static_cast<std::size_t>(length < 0 ? 0 : length)};
+}
+
+// /dev/stderr ends at a link of /proc that leads to an open file, not to the path that it shows.
+bool IsInProc(const std::string& link)
+{
+    struct statfs folder
+    {
+    };
+    return statfs(link.substr(0, link.rfind('/') + 1).append(".").c_str(), &folder) == 0 &&
+           folder.f_type == PROC_SUPER_MAGIC;
+}
+
+// In a folder that others may write to, a link of theirs would lead root's lines, and the renaming, to
+// a file of their choice.
+OpenFile OpenLog(std::string path)
+{
+    constexpr int kMaxLinks = 40; // the kernel follows no more either
+    for (int links = 0; links <= kMaxLinks; ++links)
+    {
+        Descriptor file = OpenToAppend(path, O_NOFOLLOW);
+        if (file.IsOpen() || errno != ELOOP)
+            return {std::move(file), path};
+        if (IsInProc(path))
+            return {OpenToAppend(path, 0), path};
+        const std::string target = ReadTrustedLink(path);
+        if (target.empty())
+            break;
+        path.erase(target.front() == '/' ? 0 : path.rfind('/') + 1).append(target);
+    }
+    return {Descriptor(), path};
+}
+
+bool IsFullWith(const FileStatus& file, std::size_t addition, unsigned long long maxSizeBytes)
+{
+    return maxSizeBytes != 0 && S_ISREG(file.st_mode) && file.st_size > 0 &&
+           static_cast<unsigned long long>(file.st_size) + addition > maxSizeBytes;
+}
+
+// Renames the file to PATH.1 under its lock, unless somebody else holds the lock, and so is about to
+// rename it, or has renamed it just now. Returns 0, or the errno of what failed.
+int SetAside(const OpenFile& full)
+{
+    if (Uninterrupted([&] { return flock(full.descriptor.Get(), LOCK_EX | LOCK_NB); }) != 0)
+        return errno == EWOULDBLOCK ? 0 : errno;
+    FileStatus ours{};
+    FileStatus current{};
+    if (fstat(full.descriptor.Get(), &ours) != 0 || lstat(full.path.c_str(), &current) != 0)
+        return errno == ENOENT ? 0 : errno;
+    const bool isOurs = ours.st_ino == current.st_ino && ours.st_dev == current.st_dev;
+    return isOurs && std::rename(full.path.c_str(), (full.path + ".1").c_str()) != 0 ? errno : 0;
+}
+
+// While it lives, a write to a pipe that nobody reads fails and raises no signal in this thread.
+class SigpipeBlock
+{
+public:
+    SigpipeBlock()
+    {
+        sigset_t pending;
+        sigpending(&pending);
+        m_wasPending = sigismember(&pending, SIGPIPE) == 1;
+        sigemptyset(&m_sigpipe);
+        sigaddset(&m_sigpipe, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &m_sigpipe, &m_before);
+    }
+    SigpipeBlock(const SigpipeBlock&) = delete;
+    SigpipeBlock& operator=(const SigpipeBlock&) = delete;
+    ~SigpipeBlock()
+    {
+        const timespec now{};
+        if (!m_wasPending)
+            sigtimedwait(&m_sigpipe, nullptr, &now); // takes the signal of a failed write
+        pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
+    }
+
+private:
+    sigset_t m_sigpipe{};
+    sigset_t m_before{};
+    bool m_wasPending = false;
+};
 
 // How much of `text` could not be written; errno says why.
 std::size_t WriteAll(int descriptor, std::string_view text)
@@ -45,136 +147,53 @@ std::size_t WriteAll(int descriptor, std::string_view text)
     return text.size();
 }
 
-bool IsFullWith(const FileStatus& file, std::size_t addition, unsigned long long maxSizeBytes)
-{
-    return maxSizeBytes != 0 && S_ISREG(file.st_mode) && file.st_size > 0 &&
-           static_cast<unsigned long long>(file.st_size) + addition > maxSizeBytes;
-}
-
-// Sets the file aside unless another thread or process, which would hold the lock meanwhile, has done
-// so. A symbolic link stays where it is. Returns 0, or the errno of what failed.
-int SetAside(const std::string& path, const Descriptor& full)
-{
-    if (Uninterrupted([&] { return flock(full.Get(), LOCK_EX); }) != 0)
-        return errno;
-    const std::unique_ptr<char, decltype(&std::free)> file(realpath(path.c_str(), nullptr), &std::free);
-    FileStatus ours{};
-    FileStatus current{};
-    if (file == nullptr || fstat(full.Get(), &ours) != 0 || stat(file.get(), &current) != 0)
-        return errno == ENOENT ? 0 : errno; // just set aside
-    const bool isOurs = ours.st_ino == current.st_ino && ours.st_dev == current.st_dev;
-    return isOurs && std::rename(file.get(), (file.get() + std::string(".1")).c_str()) != 0 ? errno : 0;
-}
-
 // Whether the last line of this process was cut short, by a full disk say: what follows must not be
 // taken for a part of it. (A look at the file's last byte would tell it of other processes' lines too,
 // but also catch them in the middle of a write.)
 std::atomic<bool> g_cutShort{false};
 
-// One write, so that the line is appended whole, whoever else is writing.
-int WriteLine(int descriptor, const std::string& line)
+// One write, so that the lines are appended whole, whoever else is writing. 0, or the errno.
+int WriteLines(int descriptor, std::string_view lines)
 {
-    const std::string text = g_cutShort.exchange(false) ? '\n' + line : line;
+    const bool wasCutShort = g_cutShort.exchange(false);
+    const std::string separated = wasCutShort ? '\n' + std::string(lines) : "";
+    const std::string_view text = wasCutShort ? separated : lines;
     const std::size_t left = WriteAll(descriptor, text);
     if (left == 0)
         return 0;
     const int error = errno;
-    g_cutShort = left < text.size() || text.size() > line.size();
+    g_cutShort = wasCutShort || left < text.size();
     return error;
 }
 
-void AppendEscape(std::string& text, unsigned char byte)
+int WriteLinesWithoutSigpipe(int descriptor, std::string_view lines)
 {
-    constexpr char kDigits[] = "0123456789abcdef";
-    switch (byte)
-    {
-    case '\n':
-        text += "\\n";
-        break;
-    case '\r':
-        text += "\\r";
-        break;
-    case '\t':
-        text += "\\t";
-        break;
-    case '\\':
-        text += "\\\\";
-        break;
-    default:
-        text += "\\x";
-        text += kDigits[byte >> 4U];
-        text += kDigits[byte & 0xfU];
-    }
-}
-
-// How many bytes the UTF-8 character at the beginning of `text` has; 0 when there is none. Overlong
-// forms and the like are none of a log's business.
-std::size_t CharacterLength(std::string_view text)
-{
-    const auto first = static_cast<unsigned char>(text.front());
-    if (first < 0x80)
-        return 1;
-    if (first < 0xc2 || first > 0xf4)
-        return 0;
-    const std::size_t length = first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
-    const std::string_view rest = text.substr(1, length - 1);
-    const bool isWhole = rest.size() + 1 == length && std::all_of(rest.begin(), rest.end(), [](char c) {
-                             return (static_cast<unsigned char>(c) & 0xc0U) == 0x80;
-                         });
-    return isWhole ? length : 0;
-}
-
-// Control characters: those of ASCII, those above it, which UTF-8 has as C2 80 to C2 9F, and what is no
-// character at all, since a terminal may take it for one of these.
-bool IsPrintable(std::string_view character)
-{
-    if (character.size() == 1)
-        return static_cast<unsigned char>(character[0]) >= 0x20 && character[0] != 0x7f &&
-               character[0] != '\\';
-    return character.size() > 1 &&
-           (character[0] != '\xc2' || static_cast<unsigned char>(character[1]) >= 0xa0);
+    const SigpipeBlock block;
+    return WriteLines(descriptor, lines);
 }
 
 } // namespace
 
-std::string znhost::EscapeControls(const std::string& text)
+int znlib::AppendLines(const std::string& path, std::string_view lines, unsigned long long maxSizeBytes)
 {
-    std::string escaped;
-    escaped.reserve(text.size());
-    for (std::string_view rest = text; !rest.empty();)
-    {
-        const std::string_view character = rest.substr(0, CharacterLength(rest));
-        const std::string_view taken = rest.substr(0, std::max<std::size_t>(character.size(), 1));
-        if (IsPrintable(character))
-            escaped += taken;
-        else
-            for (const char byte : taken)
-                AppendEscape(escaped, static_cast<unsigned char>(byte));
-        rest.remove_prefix(taken.size());
-    }
-    return escaped;
-}
-
-int znhost::AppendLine(const std::string& path, const std::string& line,
-                       unsigned long long maxSizeBytes)
-{
-    const std::string whole = line + '\n';
     if (path == "-")
-        return WriteLine(STDERR_FILENO, whole);
+        return WriteLinesWithoutSigpipe(STDERR_FILENO, lines);
 
-    Descriptor log = OpenLog(path);
+    OpenFile log = OpenLog(path);
     FileStatus file{};
-    if (!log.IsOpen() || fstat(log.Get(), &file) != 0)
+    if (!log.descriptor.IsOpen() || fstat(log.descriptor.Get(), &file) != 0)
         return errno;
+    if (!S_ISREG(file.st_mode))
+        return WriteLinesWithoutSigpipe(log.descriptor.Get(), lines);
     int error = 0;
-    if (IsFullWith(file, whole.size(), maxSizeBytes))
+    if (IsFullWith(file, lines.size(), maxSizeBytes))
     {
         // A file that cannot be set aside goes on growing: no line is lost for it.
-        error = SetAside(path, log);
+        error = SetAside(log);
         log = OpenLog(path);
-        if (!log.IsOpen())
+        if (!log.descriptor.IsOpen())
             return errno;
     }
-    const int writeError = WriteLine(log.Get(), whole);
+    const int writeError = WriteLines(log.descriptor.Get(), lines);
     return writeError != 0 ? writeError : error;
 }

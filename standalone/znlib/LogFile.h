@@ -5,19 +5,20 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
-namespace znhost
+namespace znlib
 {
 
-// `text` with every control character written as an escape, so that no text can forge a line or drive a
-// terminal. A backslash is doubled: what was escaped can be told from what was not.
-std::string EscapeControls(const std::string& text);
-
-// Appends `line` and its line end to `path` ("-" is standard error). Before the file grows past
-// `maxSizeBytes` (0 is no limit) it is renamed to PATH.1, over an older one. Nothing is kept open
-// between two lines: another process may rename or remove the file at any time.
+// Appends `lines`, each with its line end, in one write to `path` ("-" is standard error). Before the
+// file grows past `maxSizeBytes` (0 is no limit) it is renamed to PATH.1, over an older one, unless
+// another process is just doing so. Nothing is kept open between two calls: another process may rename
+// or remove the file at any time.
+//
+// A symbolic link is followed only if root or the user of this process owns it; another one is an error
+// (ELOOP). Never blocks but on standard error, and never raises SIGPIPE.
 //
 // Returns 0, or the errno of what failed. Thread-safe, and safe among processes.
-int AppendLine(const std::string& path, const std::string& line, unsigned long long maxSizeBytes);
+int AppendLines(const std::string& path, std::string_view lines, unsigned long long maxSizeBytes);
 
-} // namespace znhost
+} // namespace znlib

@@ -1,17 +1,15 @@
 #include "standalone/znlib/OsDetector.h"
 
+#include "host/EvDebug.h"
 #include "host/OSType.h"
+#include "standalone/znlib/TextFile.h"
 
 #include <algorithm>
 #include <charconv>
 #include <cstddef>
-#include <fstream>
 #include <iomanip>
-#include <istream>
 #include <iterator>
 #include <map>
-#include <mutex>
-#include <set>
 #include <sstream>
 #include <string>
 
@@ -36,10 +34,10 @@ std::int32_t MajorRelease(const std::string& version)
 // Others of the family say so in ID_LIKE; of these, some releases have none.
 bool IsRedHatFamily(const std::string& id, const std::string& idLike)
 {
-    static const std::set<std::string> members = {"almalinux", "centos", "fedora",    "ol",
-                                                  "rhel",      "rocky",  "scientific"};
+    constexpr std::string_view kMembers[] = {"almalinux", "centos", "fedora",    "ol",
+                                             "rhel",      "rocky",  "scientific"};
     std::istringstream words(idLike);
-    return members.count(id) != 0 ||
+    return std::find(std::begin(kMembers), std::end(kMembers), id) != std::end(kMembers) ||
            std::any_of(std::istream_iterator<std::string>(words), {},
                        [](const std::string& word) { return word == "rhel" || word == "fedora"; });
 }
@@ -48,10 +46,11 @@ bool IsRedHatFamily(const std::string& id, const std::string& idLike)
 // ID="rocky"
 // ID_LIKE="rhel centos fedora"
 // VERSION_ID="9.3"
-OperatingSystem ParseOsRelease(std::istream& text)
+OperatingSystem ParseOsRelease(const std::string& text)
 {
     std::map<std::string, std::string> values;
-    for (std::string line; std::getline(text, line);)
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);)
     {
         // A comment does no harm: at most, it sets a name that begins with '#'.
         const std::size_t equals = line.find('=');
@@ -65,15 +64,25 @@ OperatingSystem ParseOsRelease(std::istream& text)
 }
 
 // Red Hat Enterprise Linux Server release 5.11 (Tikanga)
-OperatingSystem ParseRedHatRelease(std::istream& text)
+OperatingSystem ParseRedHatRelease(const std::string& text)
 {
     const std::string marker = " release ";
-    std::string line;
-    std::getline(text, line);
+    const std::string line = text.substr(0, text.find('\n'));
     const std::size_t at = line.find(marker);
     if (at == std::string::npos)
         return {};
     return {kRedHatFamily, MajorRelease(line.substr(at + marker.size()))};
+}
+
+// Other threads read the globals without a lock, right after their own call of the detector: each call
+// finds the value there or is the only one to write it.
+void StoreIfChanged(std::int32_t& global, std::int32_t value)
+{
+    std::int32_t known = __atomic_load_n(&global, __ATOMIC_ACQUIRE);
+    while (known != value && !__atomic_compare_exchange_n(&global, &known, value, false,
+                                                          __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE))
+    {
+    }
 }
 
 } // namespace
@@ -82,21 +91,23 @@ OperatingSystem znhost::ReadOperatingSystem(const std::filesystem::path& root)
 {
     for (const char* const name : {"etc/os-release", "usr/lib/os-release"})
     {
-        if (std::ifstream file(root / name); file)
-            return ParseOsRelease(file);
+        if (const std::optional<std::string> text = ReadTextFile(root / name))
+            return ParseOsRelease(*text);
     }
-    std::ifstream file(root / "etc/redhat-release");
-    return ParseRedHatRelease(file);
+    return ParseRedHatRelease(ReadTextFile(root / "etc/redhat-release").value_or(""));
 }
 
 void detectOSType()
 {
-    static std::mutex mutex;
-    const std::lock_guard lock(mutex);
-    const OperatingSystem system = znhost::ReadOperatingSystem("/");
-    // Written only when they change: others read them without the lock at the same time.
-    if (g_iOsType != system.family)
-        g_iOsType = system.family;
-    if (g_iOsVersion != system.release)
-        g_iOsVersion = system.release;
+    try
+    {
+        const OperatingSystem system = znhost::ReadOperatingSystem("/");
+        StoreIfChanged(g_iOsType, system.family);
+        StoreIfChanged(g_iOsVersion, system.release);
+    }
+    catch (const std::exception& error)
+    {
+        EvEvent().DebugLvl("detectOSType", -1, "%s: the host counts as what it was seen to be before",
+                           error.what());
+    }
 }

@@ -17,7 +17,9 @@ struct OperatingSystem
 };
 
 // Reads the system whose root folder is `root`: etc/os-release, or usr/lib/os-release, or, for releases
-// that had neither, etc/redhat-release. The first that can be opened decides. All zero without any.
+// that had neither, etc/redhat-release. The first that is there decides. All zero without any.
+//
+// Throws std::runtime_error, which says why, when that file cannot be read.
 OperatingSystem ReadOperatingSystem(const std::filesystem::path& root);
 
 } // namespace znhost

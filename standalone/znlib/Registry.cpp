@@ -2,76 +2,36 @@
 
 #include "host/EvDebug.h"
 #include "host/ZNPlatformInfo.h"
-#include "standalone/znlib/Descriptor.h"
+#include "standalone/znlib/Text.h"
+#include "standalone/znlib/TextFile.h"
 
 // Property tree's parser, since the small C readers cut long lines and section names, and take " ;" for
 // a comment inside quotes too.
 #include <boost/property_tree/ini_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 
-#include <array>
-#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
 #include <stdexcept>
 
-#include <fcntl.h>
-
 namespace
 {
 
 using boost::property_tree::ptree;
 
-// The text of `file`, empty when there is no such file. Throws the reason when it can't be read.
-std::string ReadText(const std::string& file)
-{
-    constexpr std::size_t kMostBytes = 1 << 20;
-
-    // Not to hang on a FIFO that nobody writes.
-    const znlib::Descriptor descriptor(
-        open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    if (!descriptor.IsOpen() && (errno == ENOENT || errno == ENOTDIR))
-        return {};
-    if (!descriptor.IsOpen())
-        throw std::runtime_error(std::generic_category().message(errno));
-    std::string text;
-    for (std::array<char, 4096> chunk{}; text.size() <= kMostBytes;)
-    {
-        const ssize_t count =
-            znlib::Uninterrupted([&] { return read(descriptor.Get(), chunk.data(), chunk.size()); });
-        if (count < 0)
-            throw std::runtime_error(std::generic_category().message(errno));
-        if (count == 0)
-            break;
-        text.append(chunk.data(), static_cast<std::size_t>(count));
-    }
-    if (text.size() > kMostBytes)
-        throw std::runtime_error("longer than 1 MiB");
-    if (text.find('\0') != std::string::npos)
-        throw std::runtime_error("not a text file");
-    return text;
-}
-
 // [~iStoreNode]
 // nRetryCounter = 3
 // VolumeKey = "Volume: "
 //
-// Sections hold keys, and neither nests, whatever dots and slashes their names have. Throws the reason,
-// with the line's number, when `text` is anything else.
+// Sections hold keys, and neither nests, whatever dots and slashes their names have. Throws
+// ini_parser_error when `text` is anything else.
 ptree ParseRegistry(const std::string& text)
 {
     ptree registry;
-    try
-    {
-        std::istringstream stream(text);
-        boost::property_tree::read_ini(stream, registry);
-    }
-    catch (const boost::property_tree::ini_parser_error& error)
-    {
-        throw std::runtime_error("line " + std::to_string(error.line()) + ": " + error.message());
-    }
+    std::istringstream stream(text);
+    boost::property_tree::read_ini(stream, registry);
     return registry;
 }
 
@@ -130,15 +90,23 @@ std::optional<std::string> znhost::ReadRegistryValue(const std::string& section,
     const std::string file = RegistryFile();
     try
     {
+        const std::string text = ReadTextFile(file).value_or("");
+        if (text.find('\0') != std::string::npos)
+            throw std::runtime_error("cannot read " + file + ": not a text file");
         const std::string value =
-            WithoutQuotes(FindValue(ParseRegistry(ReadText(file)), section, key).value_or(""));
+            WithoutQuotes(FindValue(ParseRegistry(text), section, key).value_or(""));
         return value.empty() ? std::nullopt : std::optional(value);
+    }
+    catch (const boost::property_tree::ini_parser_error& reason)
+    {
+        error =
+            "cannot read " + file + ": line " + std::to_string(reason.line()) + ": " + reason.message();
     }
     catch (const std::runtime_error& reason)
     {
-        error = "cannot read " + file + ": " + reason.what();
-        return std::nullopt;
+        error = reason.what();
     }
+    return std::nullopt;
 }
 
 ZNPlatformInfo::ZNPlatformInfo() = default;

@@ -4,11 +4,8 @@
 // Thread-safety: any number of threads may read at once.
 #pragma once
 
-#include <charconv>
 #include <optional>
 #include <string>
-#include <string_view>
-#include <system_error>
 
 namespace znhost
 {
@@ -25,18 +22,5 @@ std::string RegistryFile();
 // settings here.
 std::optional<std::string> ReadRegistryValue(const std::string& section, const std::string& key,
                                              std::string& error);
-
-// The decimal number that `text` is, with or without a sign and with nothing before or behind it.
-// Nothing when it is no number, or not one of `Number`'s range.
-template <class Number>
-std::optional<Number> ParseNumber(std::string_view text)
-{
-    if (text.size() > 1 && text[0] == '+' && text[1] != '-')
-        text.remove_prefix(1);
-    Number number{};
-    const char* const end = text.data() + text.size();
-    const auto [stop, failure] = std::from_chars(text.data(), end, number);
-    return stop == end && failure == std::errc() ? std::optional(number) : std::nullopt;
-}
 
 } // namespace znhost

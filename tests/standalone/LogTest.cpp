@@ -1,14 +1,18 @@
 // The log: one line an entry whatever the text, levels, the size limit, many processes on one file.
 
+#include "standalone/znlib/Log.h"
 #include "host/EvDebug.h"
-#include "standalone/znlib/LogTap.h"
+#include "standalone/znlib/Text.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -16,7 +20,11 @@
 #include <thread>
 #include <vector>
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace
 {
@@ -32,19 +40,23 @@ protected:
         ASSERT_NE(mkdtemp(name.data()), nullptr);
         m_folder = name;
         m_file = m_folder / "log";
-        setenv("ZN_LOG_FILE", m_file.c_str(),
-               1); // this process's own lines: the first test to write decides
+        setenv("ZN_LOG_FILE", m_ownFile.c_str(), 1);
     }
-    void TearDown() override { fs::remove_all(m_folder); }
+    void TearDown() override
+    {
+        fs::remove_all(m_folder);
+        fs::remove(m_ownFile);
+    }
 
-    // Runs the writer with `environment` ("A=b C=d") and answers what it printed.
-    std::string Write(const std::string& environment, int level, int count,
-                      const std::string& text) const
+    // Runs the writer with `environment` ("A=b C=d"), behind the shell's `before`, and answers what it
+    // printed.
+    std::string Write(const std::string& environment, int level, int count, const std::string& text,
+                      const std::string& before = "") const
     {
         std::string quoted;
         for (const char c : text)
             quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-        const std::string command = "env ZN_REGISTRY='" + (m_folder / "registry").string() +
+        const std::string command = before + "env ZN_REGISTRY='" + (m_folder / "registry").string() +
                                     "' ZN_LOG_FILE='" + m_file.string() + "' " + environment +
                                     " " LOG_WRITER " " + std::to_string(level) + ' ' +
                                     std::to_string(count) + " '" + quoted + '\'';
@@ -69,39 +81,47 @@ protected:
 
     fs::path m_folder;
     fs::path m_file;
+    // What this process itself writes to, in every test: it reads the settings once.
+    fs::path m_ownFile = fs::temp_directory_path() / ("zniscsi-log-own-" + std::to_string(::getpid()));
 };
 
-TEST_F(Log, OneLineAnEntryWhateverTheText)
+TEST(Text, IsPrintableWhateverItHolds)
 {
-    struct Row
-    {
-        const char* text;
-        const char* logged;
-    };
-    const std::vector<Row> rows{
+    const std::pair<const char*, const char*> rows[] = {
         {"plain 100% %s %n", "plain 100% %s %n"},
         {"two\nlines\r\n", R"(two\nlines\r\n)"},
         {"\x1b[31mred\x1b[0m\a\tx\x7f", R"(\x1b[31mred\x1b[0m\x07\tx\x7f)"},
         {"C:\\n", "C:\\\\n"},
-        {"\xc2\x9b 1A \xc3\xa9 \xe2\x82\xac", "\\xc2\\x9b 1A \xc3\xa9 \xe2\x82\xac"},
-        {"\x9b 1A \xe2\x82", R"(\x9b 1A \xe2\x82)"},
-        {"forged\n2026-01-01 00:00:00.000 +0000 [1:1] 0 Writer: x",
-         "forged\\n2026-01-01 00:00:00.000 +0000 [1:1] 0 Writer: x"},
-        {"", ""},
-    };
-    for (const Row& row : rows)
-        EXPECT_EQ(Write("", 0, 1, row.text), "\n");
-    const std::vector<std::string> lines = Lines();
-    ASSERT_EQ(lines.size(), rows.size());
-    const std::regex head(
-        R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} [+-]\d{4} \[\d+:\d+\] 0 job=42 Writer: )");
-    for (std::size_t i = 0; i < rows.size(); ++i)
-    {
-        std::smatch match;
-        ASSERT_TRUE(std::regex_search(lines[i], match, head)) << lines[i];
-        EXPECT_EQ(match.position(), 0);
-        EXPECT_EQ(match.suffix(), rows[i].logged);
-    }
+        {"C1 \xc2\x9b, \xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80",
+         "C1 \\xc2\\x9b, \xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"},
+        {"no first byte \x9b \xc0\x80 \xff", R"(no first byte \x9b \xc0\x80 \xff)"},
+        {"cut \xe2\x82", R"(cut \xe2\x82)"},
+        {"overlong \xe0\x80\xaf \xf0\x80\x80\xaf", R"(overlong \xe0\x80\xaf \xf0\x80\x80\xaf)"},
+        {"surrogate \xed\xa0\x80", R"(surrogate \xed\xa0\x80)"},
+        {"too high \xf4\x90\x80\x80 \xf8\x88\x80\x80\x80",
+         R"(too high \xf4\x90\x80\x80 \xf8\x88\x80\x80\x80)"},
+        {"reordered \xe2\x80\xae \xe2\x81\xa6", R"(reordered \xe2\x80\xae \xe2\x81\xa6)"},
+        {"separated \xe2\x80\xa8 \xe2\x80\xa9", R"(separated \xe2\x80\xa8 \xe2\x80\xa9)"},
+        {"unseen \xe2\x80\x8b \xef\xbb\xbf \xc2\xad", R"(unseen \xe2\x80\x8b \xef\xbb\xbf \xc2\xad)"},
+        {"", ""}};
+    for (const auto& [text, printable] : rows)
+        EXPECT_EQ(znhost::Printable(text), printable);
+}
+
+TEST_F(Log, WritesOneLineAnEntry)
+{
+    Write("TZ=XXX-05:30", 0, 1, "forged\n2026-01-01 00:00:00.000 +0000 [1:1] 0 Writer: x");
+    std::array<char, 32> today{};
+    const std::time_t shifted = std::time(nullptr) + 5 * 3600 + 30 * 60;
+    std::strftime(today.data(), today.size(), "%Y-%m-%d ", std::gmtime(&shifted));
+    ASSERT_EQ(Lines().size(), 1U);
+    EXPECT_TRUE(std::regex_match(
+        Lines()[0],
+        std::regex(
+            today.data() +
+            std::string(R"(\d\d:\d\d:\d\d\.\d{3} \+0530 \[\d+:\d+\] 0 job=18446744073709551615 )"
+                        R"(Writer: forged\\n2026-01-01 00:00:00.000 \+0000 \[1:1\] 0 Writer: x)"))))
+        << Lines()[0];
 }
 
 TEST_F(Log, SettingsComeFromTheRegistryAndTheEnvironment)
@@ -172,13 +192,81 @@ TEST_F(Log, ManyProcessesWriteOneFile)
             << line;
 }
 
+TEST_F(Log, GoesOnGrowingWhileAnotherProcessHoldsTheLock)
+{
+    Write("", 0, 1, "x");
+    const int holder = open(m_file.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(flock(holder, LOCK_EX), 0);
+    Write("ZN_LOG_MAX_SIZE=1", 0, 2, "y");
+    close(holder);
+    EXPECT_EQ(Lines().size(), 3U);
+}
+
+TEST_F(Log, FollowsLinksOfRootAndItsOwnUserAlone)
+{
+    const fs::path link = m_folder / "link";
+    fs::create_symlink("log", link);
+    const std::string environment = "ZN_LOG_FILE='" + link.string() + "' ZN_LOG_MAX_SIZE=1";
+    EXPECT_EQ(Write(environment, 0, 2, "x"), "\n");
+    EXPECT_TRUE(fs::is_symlink(link));
+    EXPECT_EQ(Lines().size(), 1U);
+    EXPECT_EQ(Lines(m_file.string() + ".1").size(), 1U);
+
+    if (lchown(link.c_str(), 65534, 65534) != 0)
+        GTEST_SKIP() << "only root can make a link of another user";
+    EXPECT_THAT(Write(environment, 0, 1, "y"), testing::HasSubstr("is another user's"));
+    EXPECT_EQ(Lines().size(), 1U);
+}
+
 TEST_F(Log, SaysWhatKeepsLinesFromIt)
 {
-    EXPECT_EQ(Write("ZN_LOG_FILE=/dev/full", 0, 1, "x"),
-              "cannot write the log /dev/full: No space left on device\n");
-    EXPECT_EQ(Write("ZN_LOG_FILE=/no/such/log", 0, 1, "x"),
-              "cannot write the log /no/such/log: No such file or directory\n");
+    const std::pair<const char*, const char*> rows[] = {
+        {"ZN_LOG_FILE=/dev/full", "/dev/full: No space left on device\n"},
+        {"ZN_LOG_FILE=/no/such/log", "/no/such/log: No such file or directory\n"},
+        {"ZN_LOG_FILE=unread", "unread: No such device or address\n"}, // a FIFO
+        {"ZN_LOG_FILE=-", "-: Broken pipe\n"}};
+    // Standard error is a pipe that nobody reads.
+    const std::string before =
+        "cd '" + m_folder.string() +
+        "' && mkfifo -m 600 p && exec 3<>p 2>p 3<&- && rm p && mkfifo unread && ";
+    for (const auto& [environment, reason] : rows)
+    {
+        EXPECT_EQ(Write(environment, 0, 1, "x", before), std::string("cannot write the log ") + reason);
+        fs::remove(m_folder / "unread");
+    }
     EXPECT_EQ(Write("ZN_LOG_FILE=/no/such/log", 1, 1, "x"), "\n") << "a dropped line touches nothing";
+}
+
+TEST_F(Log, AnyForkedChildMayWrite)
+{
+    std::atomic<bool> isOver{false};
+    std::vector<std::thread> writers;
+    for (int i = 0; i < 3; ++i)
+        writers.emplace_back([&] {
+            for (EvEvent log; !isOver;)
+                log.DebugLvl("T", 0, "parent");
+        });
+    for (int child = 0; child < 100; ++child)
+    {
+        const pid_t pid = fork();
+        if (pid == 0)
+        {
+            alarm(60); // ends a child that waits for a lock
+            EvEvent().DebugLvl("T", 0, "child %d", child);
+            _exit(0);
+        }
+        int status = -1;
+        waitpid(pid, &status, 0);
+        EXPECT_EQ(status, 0) << child;
+    }
+    isOver = true;
+    for (std::thread& writer : writers)
+        writer.join();
+    const std::vector<std::string> lines = Lines(m_ownFile);
+    EXPECT_EQ(
+        std::count_if(lines.begin(), lines.end(),
+                      [](const std::string& line) { return line.find("child ") != std::string::npos; }),
+        100);
 }
 
 TEST_F(Log, DoesNotGoOnInALineThatWasCutShort)
@@ -193,7 +281,7 @@ TEST_F(Log, DoesNotGoOnInALineThatWasCutShort)
     log.DebugLvl("T", 0, "lost");
     setrlimit(RLIMIT_FSIZE, &usual);
     log.DebugLvl("T", 0, "whole");
-    const std::vector<std::string> lines = Lines();
+    const std::vector<std::string> lines = Lines(m_ownFile);
     ASSERT_EQ(lines.size(), 2U);
     EXPECT_EQ(lines[0].size(), 100U);
     EXPECT_THAT(lines[1], testing::EndsWith("T: whole"));

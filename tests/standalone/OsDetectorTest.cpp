@@ -1,13 +1,17 @@
 // The detector on the release files of many systems, and on this one.
 #include "standalone/znlib/OsDetector.h"
 #include "host/OSType.h"
+#include "standalone/znlib/Log.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
+
+#include <sys/resource.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -58,4 +62,26 @@ TEST(OsDetector, FillsTheGlobalsForManyThreads)
     std::thread other(detect);
     detect();
     other.join();
+}
+
+TEST(OsDetector, KeepsWhatItKnewWhenItCannotLook)
+{
+    const fs::path root = testing::TempDir() + "os-" + std::to_string(::getpid());
+    fs::create_directories(root / "etc/os-release");
+    EXPECT_THROW(znhost::ReadOperatingSystem(root), std::runtime_error);
+    fs::remove_all(root);
+
+    std::string said;
+    const znhost::LogTap tap(-1, [&](const znhost::LogEntry& entry) { said = entry.text; });
+    g_iOsType = 1;
+    g_iOsVersion = 99;
+    rlimit usual{};
+    getrlimit(RLIMIT_NOFILE, &usual);
+    const rlimit none{0, usual.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    detectOSType();
+    setrlimit(RLIMIT_NOFILE, &usual);
+    EXPECT_EQ(1, g_iOsType);
+    EXPECT_EQ(99, g_iOsVersion);
+    EXPECT_EQ(0U, said.find("cannot read /etc/os-release: Too many open files")) << said;
 }

@@ -2,6 +2,7 @@
 #include "standalone/znlib/Registry.h"
 #include "host/EvDebug.h"
 #include "host/ZNPlatformInfo.h"
+#include "standalone/znlib/Text.h"
 
 #include <gmock/gmock.h>
 
@@ -121,7 +122,7 @@ TEST(Registry, TellsWhyANumberOrAFileIsOfNoUse)
          "cannot use [numbers] key of FILE: \"5s\" is not a decimal number of 32 bits"},
         {DATA "registry-broken.ini", "cannot read FILE: line 3: '=' character not found in line"},
         {DATA, "cannot read FILE: Is a directory"},
-        {"/dev/zero", "cannot read FILE: longer than 1 MiB"},
+        {"/dev/zero", "cannot read FILE: longer than 1048576 bytes"},
         {"/proc/self/cmdline", "cannot read FILE: not a text file"},
         {std::string(300, 'n'), "cannot read FILE: File name too long"}};
     for (auto [file, reason] : rows)

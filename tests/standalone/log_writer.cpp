@@ -1,8 +1,8 @@
-// Writes lines to the log as a host's process would: LEVEL COUNT TEXT. Then prints what kept them from
-// it.
+// Writes lines to the log as a host's process would: LEVEL COUNT TEXT. Then prints what is wrong
+// with the settings and what kept lines from it.
 
 #include "host/EvDebug.h"
-#include "standalone/znlib/LogTap.h"
+#include "standalone/znlib/Log.h"
 
 #include <cstdio>
 #include <string>
@@ -15,8 +15,8 @@ int main(int argc, char** argv)
     for (int line = std::stoi(argv[2]); line > 0; --line)
     {
         EvEvent log;
-        log.DebugLvl("Writer", level, 42LL, "%s", argv[3]);
+        log.DebugLvl("Writer", level, -1LL, "%s", argv[3]); // as a call carries the highest identifier
     }
-    std::puts(znhost::LogTrouble().c_str());
+    std::puts((znhost::CurrentLogSettings().fault + znhost::LogTrouble()).c_str());
     return 0;
 }

@@ -1,22 +1,9 @@
-// What a program built on the stand-alone host may ask of its log beyond writing lines.
+// The stand-alone log beyond the writing of lines: where it goes, what was lost, and who else listens.
 #pragma once
 
 #include <functional>
 #include <optional>
 #include <string>
-
-// A log file of the program's own choosing: what a log object that is given one writes to instead of
-// the usual file. `file` as in LogSettings.
-class EvDebugFileInstance
-{
-public:
-    explicit EvDebugFileInstance(std::string file);
-
-    const std::string& File() const { return m_file; }
-
-private:
-    std::string m_file;
-};
 
 namespace znhost
 {
@@ -25,7 +12,7 @@ namespace znhost
 struct LogEntry
 {
     int level; // 0 for a line without one
-    std::optional<long long> jobId;
+    std::optional<unsigned long long> jobId;
     const char* tag;
     std::string text;
 };
@@ -54,18 +41,19 @@ private:
 // Where this process's log goes and what it shows.
 struct LogSettings
 {
-    std::string file;                // "-" is standard error
+    const char* file;                // "-" is standard error
     int level;                       // the highest level that the file shows: -1 to 2
     unsigned long long maxSizeBytes; // the file becomes FILE.1 before it grows past this; 0 is no limit
+    const char* fault; // why a setting that was made is not in force, in a sentence; else empty
 };
 
 // The settings in force: the registry's section [Log] (File, Level, MaxSize), overridden by
 // ZN_LOG_FILE, ZN_LOG_LEVEL and ZN_LOG_MAX_SIZE. Read once, at the first line or the first call of
-// this. Thread-safe.
+// this. Thread-safe. The texts are valid as long as the library is loaded.
 const LogSettings& CurrentLogSettings();
 
-// What was wrong with the settings, or kept a line of this process from the log; empty when nothing
-// did. Thread-safe.
+// Why the last line of this process that did not reach the log was lost, in a sentence; empty when none
+// was. Thread-safe.
 std::string LogTrouble();
 
 } // namespace znhost
