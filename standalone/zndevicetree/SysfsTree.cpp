@@ -1,8 +1,10 @@
 #include "standalone/zndevicetree/SysfsTree.h"
 
+#include "host/EvDebug.h"
+#include "standalone/znlib/TextFile.h"
+
 #include <algorithm>
 #include <exception>
-#include <fstream>
 #include <list>
 #include <map>
 #include <set>
@@ -14,7 +16,8 @@
 namespace fs = std::filesystem;
 
 // Inside, a device is its entry in the folder of all devices: /sys/class/block/sdb, a symbolic link to
-// the device's own folder. What is not there, whether it never was or has just gone, is an exception.
+// the device's own folder. What is not there, whether it never was or has just gone, and what cannot be
+// read, is an exception.
 namespace
 {
 
@@ -32,9 +35,8 @@ std::optional<std::string> After(const std::string& prefix, const std::string& t
 // The name that device-mapper knows the device by; nothing when it is not one of device-mapper's.
 std::optional<std::string> ReadMapName(const fs::path& device)
 {
-    std::ifstream file(device / "dm/name");
-    std::string name;
-    return std::getline(file, name) ? std::optional(name) : std::nullopt;
+    const std::optional<std::string> line = znhost::ReadTextFile(device / "dm/name");
+    return line ? std::optional(line->substr(0, line->find('\n'))) : std::nullopt;
 }
 
 // The path by which hosts know the device.
@@ -71,9 +73,12 @@ class DiskSearch
 {
 public:
     // Adds the disks that the whole device `device` ends at, through every layer: itself, when it is
-    // one.
-    void Descend(const fs::path& device)
+    // one. `layers` are above it already.
+    void Descend(const fs::path& device, int layers = 0)
     {
+        constexpr int kMaxLayers = 64; // no machine comes near it, and the call stack holds it
+        if (layers > kMaxLayers)
+            throw std::runtime_error("more than " + std::to_string(kMaxLayers) + " layers of devices");
         const auto [visit, isNew] = m_isDone.emplace(device, false);
         if (!isNew && !visit->second)
             throw std::runtime_error(device.string() + " lies beneath itself");
@@ -84,7 +89,7 @@ public:
         if (!fs::is_empty(slaves))
         {
             for (const fs::directory_entry& slave : fs::directory_iterator(slaves))
-                Descend(WholeDevice(device.parent_path() / slave.path().filename()));
+                Descend(WholeDevice(device.parent_path() / slave.path().filename()), layers + 1);
         }
         else if (!ReadMapName(device)) // a map that has lost its paths is no disk
         {
@@ -115,18 +120,42 @@ SP<ZnDevice> MakeDevice(const fs::path& device)
     return new ZnDevice(DeviceName(device), children);
 }
 
-// A device may go at any moment of a look-up, so that every miss ends here.
-template <class LookUp>
-SP<ZnDevice> EmptyIfItThrows(const LookUp& lookUp)
+// Whether a look-up failed for want of the device, and for nothing else: no such path, no link where
+// one would have to be, too many of them.
+bool IsMiss(const std::error_code& error)
 {
+    using std::errc;
+    return error == errc::no_such_file_or_directory || error == errc::not_a_directory ||
+           error == errc::no_such_device || error == errc::invalid_argument ||
+           error == errc::too_many_symbolic_link_levels;
+}
+
+void LogFailure(const char* path, const std::string& reason)
+{
+    EvEvent().DebugLvl("ZnDeviceTree", -1, "cannot look up %s: %s", path, reason.c_str());
+}
+
+// A device may go at any moment of a look-up, so that every miss ends here. That the machine could not
+// be looked at is something else, and the log says it.
+template <class LookUp>
+SP<ZnDevice> EmptyIfItThrows(const char* path, const LookUp& lookUp)
+{
+    if (path == nullptr)
+        return {};
     try
     {
         return lookUp();
     }
-    catch (const std::exception&)
+    catch (const fs::filesystem_error& error)
     {
-        return {};
+        if (!IsMiss(error.code()))
+            LogFailure(path, error.path1().string() + ": " + error.code().message());
     }
+    catch (const std::exception& error)
+    {
+        LogFailure(path, error.what());
+    }
+    return {};
 }
 
 } // namespace
@@ -141,23 +170,20 @@ SysfsTree::SysfsTree(const fs::path& sysfs, fs::path dev)
 
 SP<ZnDevice> SysfsTree::FindDevice(const char* path) const
 {
-    return EmptyIfItThrows([&] { return MakeDevice(Entry(path)); });
+    return EmptyIfItThrows(path, [&] { return MakeDevice(Entry(path)); });
 }
 
 SP<ZnDevice> SysfsTree::FindWholeDevice(const char* path) const
 {
-    return EmptyIfItThrows([&] { return MakeDevice(WholeDevice(Entry(path))); });
+    return EmptyIfItThrows(path, [&] { return MakeDevice(WholeDevice(Entry(path))); });
 }
 
 // The device that `path` names, symbolic links followed.
 fs::path SysfsTree::Entry(const char* path) const
 {
-    if (path == nullptr)
-        throw std::invalid_argument("no path");
-
-    constexpr int kMostLinks = 40; // the kernel follows no more either
+    constexpr int kMaxLinks = 40; // the kernel follows no more either
     fs::path place = path;
-    for (int links = 0; links <= kMostLinks; ++links)
+    for (int links = 0; links <= kMaxLinks; ++links)
     {
         if (const auto inDev = After(kDev, place))
             place = m_dev.native() + '/' + *inDev;
@@ -186,9 +212,14 @@ std::optional<fs::path> SysfsTree::FindEntry(const fs::path& place) const
 
 std::optional<fs::path> SysfsTree::FindMap(const std::string& mapName) const
 {
+    // The link that udev makes may be out of date: the kernel decides whether it is right.
+    std::error_code noLink;
+    const fs::path linked = fs::read_symlink(m_dev / kMapper / mapName, noLink).filename();
+    if (!noLink && ReadMapName(m_block / linked) == mapName)
+        return m_block / linked;
     for (const fs::directory_entry& device : fs::directory_iterator(m_block))
     {
-        if (ReadMapName(device) == mapName)
+        if (After("dm-", device.path().filename()) && ReadMapName(device) == mapName)
             return device.path();
     }
     return std::nullopt;

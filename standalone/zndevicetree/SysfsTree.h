@@ -26,8 +26,9 @@ public:
     // exists: no device node is needed, and none is looked at, so that a node of another folder's own
     // (/chroot/dev/sdb in a folder of its own) names nothing.
     //
-    // Empty when `path` is null or names no device, when a device goes in mid-read, and when devices
-    // are stacked in a loop. Never throws for a reason that lies in the machine.
+    // Empty when `path` is null or names no device, and when a device goes in mid-read. Empty too, and
+    // the log says why, when the machine cannot be looked at, or devices are stacked in a loop or too
+    // deep. Never throws for a reason that lies in the machine.
     SP<ZnDevice> FindDevice(const char* path) const;
 
     // The whole device that holds the one that `path` names: the disk of a partition, and any other

@@ -7,10 +7,9 @@
 namespace
 {
 
-const znhost::SysfsTree& ThisMachine()
+znhost::SysfsTree ThisMachine()
 {
-    static const znhost::SysfsTree machine("/sys", "/dev");
-    return machine;
+    return {"/sys", "/dev"};
 }
 
 } // namespace

@@ -1,7 +1,9 @@
 // The device tree on machines written as data, and on this one.
 #include "standalone/zndevicetree/SysfsTree.h"
 
-#include <gtest/gtest.h>
+#include "standalone/znlib/Log.h"
+
+#include <gmock/gmock.h>
 
 #include <filesystem>
 #include <fstream>
@@ -9,8 +11,11 @@
 #include <sstream>
 #include <string>
 #include <system_error>
-#include <unistd.h>
 #include <utility>
+#include <vector>
+
+#include <sys/resource.h>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -94,6 +99,37 @@ TEST(DeviceTree, LeadsToTheDisks)
     }
     EXPECT_EQ(47, answers);
     EXPECT_EQ("none [] none", machine->Describe(nullptr));
+}
+
+TEST(DeviceTree, MissesADeviceThatLiesTooDeep)
+{
+    Machine machine;
+    machine.Add(std::istringstream("disk sda"));
+    machine.Add(std::istringstream("disk layer0 sda"));
+    for (int layer = 1; layer <= 64; ++layer)
+        machine.Add(std::istringstream("disk layer" + std::to_string(layer) + " layer" +
+                                       std::to_string(layer - 1)));
+    EXPECT_EQ("/dev/layer63 [/dev/sda] /dev/layer63", machine.Describe("/dev/layer63"));
+    EXPECT_EQ("none [] none", machine.Describe("/dev/layer64"));
+}
+
+TEST(DeviceTree, SaysThatItCannotLook)
+{
+    Machine machine;
+    machine.Add(std::istringstream("map dm-0 mpatha"));
+    std::vector<std::string> lines;
+    const znhost::LogTap tap(-1, [&](const znhost::LogEntry& entry) { lines.push_back(entry.text); });
+    EXPECT_EQ("none [] none", machine.Describe("/dev/dm-1"));
+    EXPECT_THAT(lines, testing::IsEmpty());
+    rlimit usual{};
+    getrlimit(RLIMIT_NOFILE, &usual);
+    const rlimit none{0, usual.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_EQ("none [] none", machine.Describe("/dev/dm-0"));
+    setrlimit(RLIMIT_NOFILE, &usual);
+    EXPECT_THAT(lines, testing::Each(testing::AllOf(testing::StartsWith("cannot look up /dev/dm-0: "),
+                                                    testing::EndsWith("Too many open files"))));
+    EXPECT_EQ(lines.size(), 2U);
 }
 
 TEST(DeviceTree, KnowsThisMachine)
