@@ -8,8 +8,12 @@ cd "$(dirname "$0")"
 
 # shellcheck source=scripts/prepare.sh
 . scripts/prepare.sh
-install_missing
-build release
+install_missing build
+# Tests take more packages; a folder that test.sh has set up keeps them.
+without_tests=()
+[ -e build/release/build.ninja ] || without_tests=(-DZN_TESTS=OFF)
+configure release "${without_tests[@]}"
+build demo
 
 # Nothing of the user's own settings is touched.
 unset ZN_REGISTRY ZN_LOG_FILE ZN_LOG_LEVEL ZN_LOG_MAX_SIZE

@@ -10,11 +10,15 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 
+packages=(build tests)
 presets=(release)
 real=no
 for option in "$@"; do
     case $option in
-    --sanitizers) presets+=(asan tsan) ;;
+    --sanitizers)
+        packages+=(sanitizers)
+        presets+=(asan tsan)
+        ;;
     --real) real=yes ;;
     *)
         sed -n '2,9s/^# \{0,1\}//p' "$0" >&2
@@ -70,8 +74,9 @@ run_real_machine() {
     esac
 }
 
-install_missing
+install_missing "${packages[@]}"
 for preset in "${presets[@]}"; do
+    configure "$preset" -DZN_TESTS=ON
     build "$preset"
     run_tests "$preset"
 done

@@ -16,30 +16,33 @@ quietly() { # NAME COMMAND...
     fi
 }
 
-missing_debian_packages() {
-    local package
-    for package in g++ cmake ninja-build libboost-dev libcli11-dev nlohmann-json3-dev \
-        libgtest-dev libgmock-dev libbenchmark-dev; do
-        dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || echo "$package"
-    done
+debian_packages() { # GROUP
+    case $1 in
+    build) echo g++ cmake ninja-build libboost-dev libcli11-dev nlohmann-json3-dev ;;
+    tests) echo libgtest-dev libgmock-dev ;;
+    esac
 }
 
-missing_redhat_packages() {
-    local package
-    for package in gcc-c++ cmake ninja-build boost-devel cli11-devel json-devel gtest-devel gmock-devel \
-        google-benchmark-devel libasan libubsan libtsan; do
-        rpm -q --quiet "$package" || echo "$package"
-    done
+redhat_packages() { # GROUP
+    case $1 in
+    build) echo gcc-c++ cmake ninja-build boost-devel cli11-devel json-devel ;;
+    tests) echo gtest-devel gmock-devel ;;
+    sanitizers) echo libasan libubsan libtsan ;;
+    esac
 }
 
-install_debian_packages() {
+is_on_debian() { dpkg-query -W -f '${Status}' "$1" 2>/dev/null | grep -q 'ok installed'; }
+
+is_on_redhat() { rpm -q --quiet "$1"; }
+
+install_on_debian() { # PACKAGE...
     quietly apt-update as_root apt-get update
     quietly apt-install as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "$@"
 }
 
 # Ninja, the test tools and the header libraries stand in CRB and EPEL, which not every member of the family
 # calls by these names; some need neither.
-install_redhat_packages() {
+install_on_redhat() { # PACKAGE...
     quietly dnf-epel as_root dnf install -y dnf-plugins-core epel-release 2>/dev/null || true
     quietly dnf-crb as_root dnf config-manager --set-enabled crb 2>/dev/null || true
     quietly dnf-install as_root dnf install -y "$@" || {
@@ -54,32 +57,42 @@ as_root() {
     if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo -n "$@"; fi
 }
 
-# Installs what the build lacks; without the rights it names the packages and ends.
-install_missing() {
-    local family missing
+# Installs those packages of the groups build, tests and sanitizers that this machine lacks; without the
+# rights it names them and fails.
+install_missing() { # GROUP...
+    local family group package missing=()
     if command -v dpkg-query >/dev/null && command -v apt-get >/dev/null; then
         family=debian
     elif command -v dnf >/dev/null; then
         family=redhat
     else
         echo "this machine has neither apt nor dnf: install a C++17 compiler, CMake 3.20, Ninja, Boost," \
-            "CLI11, nlohmann-json, GoogleTest and Google Benchmark by hand" >&2
+            "CLI11, nlohmann-json and, for the tests, GoogleTest by hand" >&2
         return 0
     fi
-    missing=$("missing_${family}_packages")
-    [ -n "$missing" ] || return 0
-    # shellcheck disable=SC2086 # one word a package
-    set -- $missing
+    for group in "$@"; do
+        for package in $("${family}_packages" "$group"); do
+            "is_on_$family" "$package" || missing+=("$package")
+        done
+    done
+    [ ${#missing[@]} -gt 0 ] || return 0
     if ! can_be_root; then
-        echo "these packages are missing and installing them needs root: $*" >&2
+        echo "these packages are missing and installing them needs root: ${missing[*]}" >&2
         return 1
     fi
-    echo "installing $*"
-    "install_${family}_packages" "$@"
+    echo "installing ${missing[*]} (a minute or two)"
+    "install_on_$family" "${missing[@]}"
 }
 
-build() { # PRESET
-    echo "building ($1)"
-    quietly "configure-$1" cmake --preset "$1"
+configure() { # CONFIGURE-PRESET OPTION...
+    quietly "configure-$1" cmake --preset "$@"
+}
+
+# Says how long it is going to take, from the steps that Ninja has to do and what one took elsewhere.
+build() { # BUILD-PRESET
+    local steps seconds_per_step=3
+    steps=$(cmake --build --preset "$1" -- -n | sed -n '$s/^\[[0-9]*\/\([0-9]*\)\].*/\1/p')
+    [ -n "$steps" ] || return 0
+    echo "building ($1): $steps steps, about $((steps * seconds_per_step / $(nproc) / 10 + 1))0 s"
     quietly "build-$1" cmake --build --preset "$1"
 }
