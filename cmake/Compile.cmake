@@ -3,7 +3,6 @@
 set(CMAKE_CXX_STANDARD 17)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
-set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 set(CMAKE_BUILD_RPATH_USE_ORIGIN ON) # a build folder can be moved, into a virtual machine say
@@ -38,7 +37,7 @@ endif()
 if(ZN_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link) # so that the fuzzers see their way through the libraries
 endif()
-add_link_options(-Wl,-z,now -Wl,-z,relro)
+include(cmake/Harden.cmake)
 
 # A library of the stand-alone host: what it exports is listed in its version script.
 function(zn_host_library name script)
