@@ -3,10 +3,19 @@
 set(CMAKE_CXX_STANDARD 17)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
-set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+
+# The build folder is laid out as the installed tree: one RUNPATH serves both. Where CMake has to rewrite one,
+# it makes room with colons, and an empty element is the current folder.
+file(RELATIVE_PATH to_libraries ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+get_filename_component(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin/${to_libraries} ABSOLUTE)
 set(CMAKE_BUILD_RPATH_USE_ORIGIN ON) # a build folder can be moved, into a virtual machine say
-set(CMAKE_INSTALL_RPATH $ORIGIN $ORIGIN/../${CMAKE_INSTALL_LIBDIR})
+set(library_rpath $ORIGIN)
+set(program_rpath $ORIGIN/${to_libraries})
+if(DEFINED CMAKE_INSTALL_RPATH) # the packager's own
+  set(library_rpath ${CMAKE_INSTALL_RPATH})
+  set(program_rpath ${CMAKE_INSTALL_RPATH})
+endif()
 
 option(ZN_WERROR "Make every warning an error" OFF)
 set(ZN_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize takes them")
