@@ -97,22 +97,35 @@ Outcome Spoil(const Fault& fault, const Outcome& outcome, const std::string& sec
     return spoilt;
 }
 
-// Disks that wait for the clock come without a tool's being run: a child sees to it.
-void SettleLater(std::int64_t waitMs, const Scene& scene, const std::string& folder)
+// A child of its own: what it inherits would keep the machine's lock.
+bool IsChildLeftBehind()
 {
     if (fork() != 0)
-        return;
+        return false;
     setsid();
+    closefrom(STDERR_FILENO + 1);
+    return true;
+}
+
+// Disks that wait for the clock come without a tool's being run: a child sees to it. It works from
+// within the folder, so that it ends when the folder is gone, and never makes it anew or finds another
+// of that name.
+void SettleLater(std::int64_t waitMs, const Scene& scene, const std::string& folder)
+{
+    if (!IsChildLeftBehind())
+        return;
+    if (chdir(folder.c_str()) != 0)
+        _exit(0);
     const int null = open("/dev/null", O_RDWR);
     for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
         dup2(null, standard);
     for (std::optional<std::int64_t> wait = waitMs; wait;)
     {
         Sleep(*wait);
-        StateFile file(folder);
+        StateFile file(".");
         wait = Settle(scene, file.state, NowMs());
         file.Save();
-        WriteDevices(scene, file.state, folder);
+        WriteDevices(scene, file.state, ".");
     }
     _exit(0);
 }
@@ -122,9 +135,8 @@ void Print(const Outcome& outcome)
     std::cout << outcome.out << std::flush;
     Sleep(outcome.pauseMs);
     std::cerr << outcome.err << std::flush;
-    if (outcome.leaveBehindMs == 0 || fork() != 0)
+    if (outcome.leaveBehindMs == 0 || !IsChildLeftBehind())
         return;
-    setsid();
     Sleep(outcome.leaveBehindMs);
     _exit(0);
 }

@@ -11,9 +11,9 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -50,6 +50,7 @@ protected:
         m_folder = mkdtemp(folder.data());
         setenv("SIMULATED_STATE", (m_folder / "state").c_str(), 1);
         setenv("SIMULATED_SCENE", (kData / "recorded.json").c_str(), 1);
+        prctl(PR_SET_CHILD_SUBREAPER, 1);
     }
     ~SimulatedTools() override { fs::remove_all(m_folder); }
 
@@ -81,6 +82,13 @@ protected:
         const int status =
             std::system(line.c_str()); // NOLINT(cert-env33-c): the recordings are shell lines
         return {WEXITSTATUS(status), ReadText(out), ReadText(err)};
+    }
+
+    // The children of the tools that have ended; as a subreaper this process inherits them.
+    static void WaitForThoseLeftBehind()
+    {
+        while (wait(nullptr) > 0)
+            continue;
     }
 
     fs::path State() const { return m_folder / "state"; }
@@ -225,9 +233,14 @@ TEST_F(SimulatedTools, WhatIsLateShowsUpLate)
     EXPECT_EQ(RunTool("ehcmcli status").out,
               "Connected volumes\nVolume: v\nTarget name: iqn.2025-01.org.example:late\n"
               "Status: connected\nDevice to mount: /dev/mapper/v\n");
-    for (int i = 0; i < 500 && !fs::exists(State() / "sys/block/sdl"); ++i) // no tool runs meanwhile
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    WaitForThoseLeftBehind(); // no tool runs meanwhile
     EXPECT_TRUE(fs::exists(State() / "sys/block/sdl"));
+
+    RunTool(kNode + "late -u");
+    RunTool(kNode + "late -l");
+    RunTool(R"(flock "$SIMULATED_STATE/lock" rm -r "$SIMULATED_STATE")");
+    WaitForThoseLeftBehind();
+    EXPECT_FALSE(fs::exists(State())) << "a folder that was gone is back";
 }
 
 TEST_F(SimulatedTools, Faults)
