@@ -8,7 +8,7 @@
 # Ends in a line "N passed, N failed", with ", N skipped" and the reasons above it where something cannot
 # run on this machine. Exit status 0 only if nothing failed.
 set -euo pipefail
-cd "$(dirname "$0")"
+cd "$(dirname "$(realpath "$0")")"
 
 packages=(build tests)
 presets=(release)

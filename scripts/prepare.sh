@@ -5,6 +5,19 @@
 log_folder=build/log
 mkdir -p "$log_folder"
 
+# One run at a time in a clone: both scripts build and write below build/. What a killed run leaves behind, a
+# compiler say, has inherited the descriptor, and the next run waits for that, too.
+exec 8>build/lock
+flock -n 8 || {
+    echo "waiting for another demo.sh or test.sh of this clone to end"
+    flock 8
+}
+
+if [ -n "${TMPDIR-}" ] && ! { [ -d "$TMPDIR" ] && [ -w "$TMPDIR" ]; }; then
+    echo "TMPDIR=$TMPDIR names no folder that can be written to: /tmp is used instead" >&2
+    unset TMPDIR
+fi
+
 # Runs a command quietly; what it printed is shown when it fails.
 quietly() { # NAME COMMAND...
     local log="$log_folder/$1.log"
