@@ -214,7 +214,9 @@ void AddBlockDevice(Tree& sys, const fs::path& path)
 void AddDisk(Tree& sys, Tree& dev, const Disk& disk)
 {
     const fs::path path = LunPath(*disk.session, *disk.lun) / "block" / disk.name;
+    constexpr const char* kSectors = "204800"; // 100 MiB
     AddBlockDevice(sys, path);
+    sys.File(path / "size", kSectors);
     sys.Link(path / "device", LunPath(*disk.session, *disk.lun));
     sys.File(LunPath(*disk.session, *disk.lun) / "state", disk.lun->state);
     const std::string link = "disk/by-path/ip-" + disk.session->portal.address + ":" +
@@ -316,7 +318,8 @@ void WriteDevices(const Scene& scene, const State& state, const fs::path& folder
 {
     Tree sys;
     Tree dev;
-    for (const char* empty : {"block", "class/block", "class/iscsi_session", "class/iscsi_connection"})
+    for (const char* empty : {"block", "class/block", "class/iscsi_session", "class/iscsi_connection",
+                              "class/iscsi_transport/tcp"})
         sys.Folder(empty);
     dev.Folder("disk");
     dev.Folder("mapper");
