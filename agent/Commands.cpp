@@ -1,62 +1,133 @@
 #include "agent/Commands.h"
 
 #include "agent/Initiator.h"
-#include "agent/KernelSessions.h"
 #include "agent/LogWatch.h"
+#include "agent/Machine.h"
+#include "agent/Questions.h"
+#include "agent/Reasons.h"
+#include "agent/RecordLock.h"
 #include "agent/Secret.h"
 #include "agent/Terminal.h"
+#include "host/OSType.h"
 #include "standalone/hxutils/Pauses.h"
 #include "standalone/znlib/Text.h"
 
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <iomanip>
-#include <sstream>
+#include <functional>
+#include <list>
+#include <memory>
+#include <set>
 #include <thread>
 
 namespace
 {
 
-// One command's use of the library.
-struct Work
+using std::chrono::milliseconds, std::chrono::seconds, std::chrono::steady_clock;
+
+// How long the kernel may take to show what a tool has reported as done.
+constexpr seconds kMaxSettling{5};
+
+// One command's use of the library, and what the log says of it.
+struct LibraryCall
 {
-    explicit Work(const Request& asked) : request(asked), watch(asked.verbosity), initiator(asked.jobId)
+    explicit LibraryCall(const Request& asked)
+        : request(asked), watch(asked.verbosity), initiator(MakeInitiator())
     {
     }
 
-    // Ends the command unless `done`: what could not be done, then the reasons that the log gives.
-    void Require(bool done, const std::string& sentence) const
+    // Ends the command: what could not be done, what is known of it, the reasons that the log gives and
+    // the next step. `cause` is that of a failure that the reasons do not explain.
+    [[noreturn]] void Fail(Cause cause, std::vector<std::string> reasons) const
     {
-        if (done)
-            return;
-        std::vector<std::string> reasons = ParseReasons(watch.Errors());
-        reasons.insert(reasons.begin(), sentence);
-        throw Failure(watch.ToolWasMissing() ? Exit::ToolMissing : Exit::Failed, reasons);
+        const std::vector<std::string> logged = ParseReasons(watch.Errors());
+        reasons.insert(reasons.end(), logged.begin(), logged.end());
+        throw Explain(std::move(reasons), request, cause);
     }
 
-    // Looks again, once a second, until `lookUp` succeeds; ends the command when the user's patience is
-    // spent, or the tool is missing.
-    void WaitFor(const std::string& what, const std::function<int()>& lookUp)
+    bool ToolIsMissing() const { return AnyContains(watch.Errors(), words::kIscsiadmMissing); }
+
+    // Looks again, once a second, until `lookUp` succeeds. False when the user's patience is spent, or
+    // the tool is missing.
+    bool WaitFor(const std::string& what, const std::function<bool()>& lookUp)
     {
-        using std::chrono::seconds, std::chrono::steady_clock;
-        const auto deadline = steady_clock::now() + seconds(request.waitSeconds);
-        while (lookUp() == 0)
+        const auto deadline = steady_clock::now() + seconds(request.waitSeconds.value_or(0));
+        while (!lookUp())
         {
             const auto left = deadline - steady_clock::now();
-            Require(left > seconds(0) && !watch.ToolWasMissing(),
-                    "cannot find " + what + " in any session");
+            if (left <= seconds(0) || ToolIsMissing())
+                return false;
             ShowStatusLine("waiting, " + std::to_string(std::chrono::ceil<seconds>(left).count()) +
                            " s left: " + what);
             std::this_thread::sleep_for(std::min<steady_clock::duration>(left, seconds(1)));
             watch.Forget();
         }
+        return true;
     }
 
     const Request& request;
     LogWatch watch;
     Initiator initiator;
+
+private:
+    // A host that could not be looked at is not one that is not served.
+    Initiator MakeInitiator() const
+    try
+    {
+        return Initiator(request.jobId);
+    }
+    catch (const Failure&)
+    {
+        if (g_iOsType == 0 && !watch.Errors().empty())
+            Fail(Cause::ToolFailed, {"cannot tell whether this host is served"});
+        throw;
+    }
 };
+
+// A node record and the sessions that the kernel has for it.
+struct Node
+{
+    explicit Node(const Request& request)
+        : portal(request.portal), iqn(request.iqn), name(request.iqn + " at " + request.portal)
+    {
+    }
+
+    std::vector<Session> Select(const std::vector<Session>& sessions) const
+    {
+        return SelectSessions(sessions, iqn, &portal);
+    }
+
+    PortalMatcher portal;
+    std::string iqn;
+    std::string name;
+};
+
+RecordLock LockRecord(const PortalMatcher& portal, const Request& request)
+{
+    RecordLock lock(portal, request.iqn);
+    if (request.verbosity > 0 && !lock.Trouble().empty())
+        PrintError("note: other agents are not kept out: " + lock.Trouble());
+    return lock;
+}
+
+// Looks until `holds`, ten times a second. False when it does not within `limit`.
+bool Await(steady_clock::duration limit, const std::function<bool()>& holds)
+{
+    const auto deadline = steady_clock::now() + limit;
+    while (!holds())
+    {
+        if (steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(milliseconds(100));
+    }
+    return true;
+}
+
+bool AnyIsLoggedIn(const std::vector<Session>& sessions)
+{
+    return std::any_of(sessions.begin(), sessions.end(), IsLoggedIn);
+}
 
 template <class Values>
 std::string Lines(const Values& values)
@@ -67,61 +138,270 @@ std::string Lines(const Values& values)
     return text;
 }
 
-std::string NodeOf(const Request& request)
+using Row = std::vector<std::string>;
+
+// `headings` stands above the rows where there are any, unless the user wants none. An empty cell is a
+// dash, so that every row has as many words as the headings.
+std::string Table(const Row& headings, std::vector<Row> rows, const Request& request)
 {
-    return request.iqn + " at " + request.portal;
+    for (Row& row : rows)
+        for (std::string& cell : row)
+            cell = cell.empty() ? "-" : znhost::Printable(cell);
+    if (!rows.empty() && request.headings)
+        rows.insert(rows.begin(), headings);
+    return FormatTable(rows);
 }
 
-int LogOnPlainly(const Initiator& initiator, const Request& request)
+std::string PortalOf(const Session& session)
 {
-    return initiator->LogOnToiSCSITarget(request.portal.c_str(), request.iqn.c_str());
+    return session.portal ? FormatPortal(*session.portal) : "";
 }
 
-int LogOnWithChap(const Initiator& initiator, const Request& request)
+// JSON has null for what does not apply.
+nlohmann::ordered_json TextOrNull(const std::string& text)
 {
-    const std::string& user = *request.chapUser;
-    const Secret secret = request.chapSecretFile ? ReadSecretFile(*request.chapSecretFile)
-                                                 : ReadSecretFromStandardInput(user);
-    return initiator->LogOnToiSCSITargetUsingCHAP(request.portal.c_str(), request.iqn.c_str(),
-                                                  user.c_str(), secret.c_str());
+    return text.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(text);
 }
 
-bool HasKernelSession(const Request& request)
+// --- log-on
+
+// The answer of a log-on to a node that has sessions; a Failure when none of them works.
+Answer AnswerLogOn(const std::vector<Session>& sessions, const Request& request, bool isNew)
 {
-    const PortalMatcher wanted(request.portal);
-    const std::vector<KernelSession> sessions = ReadKernelSessions();
-    return std::any_of(sessions.begin(), sessions.end(), [&](const KernelSession& session) {
-        return session.iqn == request.iqn && wanted.Matches(session.portal);
+    if (AnyIsLoggedIn(sessions))
+        return {isNew ? "logged on\n" : "already logged on\n", {{"already", !isNew}}};
+    const Session& session = sessions.front();
+    throw Failure(Cause::SessionFailed,
+                  {"cannot log on to " + Node(request).name,
+                   "session " + std::to_string(session.sid) +
+                       " is there, but its connection is lost (" + session.state +
+                       "), and the initiator tries to restore it",
+                   "see that " + request.portal + " can be reached, or end it: zniscsi logoff " +
+                       request.portal + ' ' + request.iqn});
+}
+
+Answer AnswerLogOnBefore(const std::vector<Session>& sessions, const Request& request)
+{
+    Answer answer = AnswerLogOn(sessions, request, false);
+    if (request.chapUser)
+        PrintError("note: the node record is as it was, without the CHAP name and secret given now: "
+                   "they take a new log-on");
+    return answer;
+}
+
+std::unique_ptr<const Secret> ReadSecret(const Request& request)
+{
+    if (!request.chapUser)
+        return nullptr;
+    return std::unique_ptr<const Secret>(
+        request.chapSecretFile ? new Secret(ReadSecretFile(*request.chapSecretFile))
+                               : new Secret(ReadSecretFromStandardInput(*request.chapUser)));
+}
+
+bool RunLogOn(const Initiator& initiator, const Request& request, const Secret* secret)
+{
+    const char* const portal = request.portal.c_str();
+    const char* const iqn = request.iqn.c_str();
+    return (secret == nullptr ? initiator->LogOnToiSCSITarget(portal, iqn)
+                              : initiator->LogOnToiSCSITargetUsingCHAP(
+                                    portal, iqn, request.chapUser->c_str(), secret->c_str())) == 1;
+}
+
+// --- log-off
+
+void RefuseLosses(const std::vector<std::string>& losses, const Node& node)
+{
+    if (losses.empty())
+        return;
+    std::vector<std::string> reasons{"cannot log off from " + node.name + ": its disks are in use"};
+    reasons.insert(reasons.end(), losses.begin(), losses.end());
+    reasons.emplace_back("unmount or detach them first; with --force what is not written yet is lost");
+    throw Failure(Cause::InUse, reasons);
+}
+
+// Those of `before` that are still there. (One with another identifier is somebody's new one.)
+std::vector<Session> Remaining(const std::vector<Session>& before, const std::vector<Session>& now)
+{
+    std::vector<Session> remaining;
+    for (const Session& session : now)
+        if (std::any_of(before.begin(), before.end(),
+                        [&](const Session& each) { return each.sid == session.sid; }))
+            remaining.push_back(session);
+    return remaining;
+}
+
+// --- node records
+
+bool HasRecord(const std::vector<NodeRecord>& records, const Node& node)
+{
+    return std::any_of(records.begin(), records.end(), [&node](const NodeRecord& record) {
+        return record.iqn == node.iqn && node.portal.Matches(record.portal);
     });
+}
+
+std::vector<NodeRecord> RequireRecords(const LibraryCall& call, const std::string& sentence)
+{
+    std::optional<std::vector<NodeRecord>> records = RunNodeReport();
+    if (!records)
+        call.Fail(Cause::ToolFailed, {sentence});
+    return std::move(*records);
+}
+
+bool IsInUse(const NodeRecord& record, const std::vector<Session>& sessions)
+{
+    return std::any_of(sessions.begin(), sessions.end(), [&record](const Session& session) {
+        return session.iqn == record.iqn && session.portal &&
+               FormatPortal(*session.portal) == FormatPortal(record.portal);
+    });
+}
+
+// --- disks
+
+std::vector<std::string> DevicesOf(const std::vector<Session>& sessions)
+{
+    std::vector<std::string> devices;
+    for (const Session& session : sessions)
+        for (const Disk& disk : session.disks)
+            devices.push_back(disk.device);
+    return devices;
+}
+
+// Why no disk of the target was found: as the log says, otherwise as the kernel shows it.
+[[noreturn]] void FailForWantOfDisks(const LibraryCall& call, const std::string& sentence)
+{
+    const std::string& iqn = call.request.iqn;
+    const std::vector<Session> sessions = SelectSessions(ReadSessions(), iqn);
+    if (sessions.empty())
+        call.Fail(Cause::NoSession, {sentence, words::kNoSessionWith + iqn});
+    if (DevicesOf(sessions).empty())
+        call.Fail(Cause::NoDevice,
+                  {sentence, "the session with " + iqn + " presents none (yet: --wait S)"});
+    call.Fail(Cause::ToolFailed, {sentence});
+}
+
+void WarnOfDeadPaths(const std::vector<Session>& sessions, const std::vector<std::string>& devices)
+{
+    for (const Path& path : FindPaths(sessions, devices))
+        if (const std::string state = DescribeState(path.session, &path.disk); state != "LOGGED_IN")
+            PrintError("warning: " + path.disk.device + " does not work now: its state is " + state);
 }
 
 // How often the library asks the multipath tool before it gives up.
 int ReadAttemptLimit(const Initiator& initiator)
 {
-    constexpr int kUsual = 5;
-    int limit = kUsual;
+    constexpr int kDefaultAttempts = 5;
+    int limit = kDefaultAttempts;
     initiator.Concrete().GetRegInt(nullptr, "nRetryCounter", &limit);
-    return limit == 0 ? kUsual : std::max(limit, 1);
+    return limit == 0 ? kDefaultAttempts : std::max(limit, 1);
 }
 
-std::string FormatTable(const std::vector<iSSCSISessionInfo>& disks)
+// --- the target of a device
+
+struct TargetOfDevice
 {
-    std::vector<iSSCSISessionInfo> rows{{"DEVICE", "PORTAL", "IQN"}};
-    for (const iSSCSISessionInfo& disk : disks)
-        rows.push_back({znhost::Printable(disk.sDeviceName), znhost::Printable(disk.sTargetPortal),
-                        znhost::Printable(disk.sTargetVolIQN)});
-    std::size_t deviceWidth = 0, portalWidth = 0;
-    for (const iSSCSISessionInfo& row : rows)
+    std::string portal;
+    std::string iqn;
+};
+
+// Where the library refuses for nothing but the order of the tool's report, the kernel decides; it
+// decides on the portal, too, and that the library did not take two targets for one.
+std::optional<TargetOfDevice> FindTargetOf(LibraryCall& call, const std::vector<Path>& paths)
+{
+    std::array<char, 4096> portal{}, iqn{};
+    unsigned long portalSize = portal.size(), iqnSize = iqn.size();
+    const bool isFound =
+        call.initiator->GetTargetIPAndIQNForDevice(call.request.device.c_str(), portal.data(),
+                                                   portalSize, iqn.data(), iqnSize) == 1;
+    const bool isOneTarget =
+        !paths.empty() && std::all_of(paths.begin(), paths.end(), [&](const Path& path) {
+            return path.session.iqn == paths.front().session.iqn;
+        });
+    if (!isOneTarget || !(isFound || AnyContains(call.watch.Errors(), words::kPortalsDiffer)))
+        return std::nullopt;
+    return TargetOfDevice{PortalOf(paths.front().session), paths.front().session.iqn};
+}
+
+[[noreturn]] void FailForWantOfTarget(const LibraryCall& call, const std::vector<Path>& paths)
+{
+    const std::string& device = call.request.device;
+    const std::string sentence = "cannot find the target of " + device;
+    // (A device that could not be looked at is in the log.)
+    if (FindDisksBeneath(device).empty() && call.watch.Errors().empty())
+        call.Fail(Cause::NoDevice, {sentence, "there is no block device " + device});
+    std::set<std::string> iqns;
+    for (const Path& path : paths)
+        iqns.insert(path.session.iqn);
+    if (iqns.empty())
+        call.Fail(Cause::NoSession, {sentence, "no session presents it"});
+    if (iqns.size() == 1)
+        call.Fail(Cause::ToolFailed, {sentence});
+    std::vector<std::string> reasons{sentence,
+                                     "its paths lead to " + std::to_string(iqns.size()) + " targets:"};
+    reasons.insert(reasons.end(), iqns.begin(), iqns.end());
+    call.Fail(Cause::ToolFailed, reasons);
+}
+
+Answer ListPaths(const Request& request, const std::vector<Path>& paths)
+{
+    std::vector<Row> rows;
+    auto json = nlohmann::ordered_json::array();
+    for (const auto& [disk, session] : paths)
     {
-        deviceWidth = std::max(deviceWidth, row.sDeviceName.size());
-        portalWidth = std::max(portalWidth, row.sTargetPortal.size());
+        rows.push_back({disk.device, DescribeState(session, &disk), PortalOf(session), session.iqn});
+        json.push_back({{"device", disk.device},
+                        {"state", session.state},
+                        {"disk_state", disk.state},
+                        {"portal", TextOrNull(PortalOf(session))},
+                        {"iqn", session.iqn}});
     }
-    std::ostringstream table;
-    for (const iSSCSISessionInfo& row : rows)
-        table << std::left << std::setw(static_cast<int>(deviceWidth)) << row.sDeviceName << "  "
-              << std::setw(static_cast<int>(portalWidth)) << row.sTargetPortal << "  "
-              << row.sTargetVolIQN << '\n';
-    return table.str();
+    return {Table({"DEVICE", "STATE", "PORTAL", "IQN"}, rows, request), {{"paths", json}}};
+}
+
+// --- sessions
+
+Row SessionRow(const Session& session, const Disk* disk)
+{
+    Row row{std::to_string(session.sid),
+            DescribeState(session, disk),
+            PortalOf(session),
+            session.iqn,
+            "",
+            "",
+            "",
+            ""};
+    if (disk == nullptr)
+        return row;
+    row[4] = std::to_string(disk->lun);
+    row[5] = disk->device;
+    row[6] = disk->bytes ? DescribeSize(*disk->bytes) : "";
+    row[7] = disk->map;
+    for (const std::string& user : disk->users)
+        row[7] += (row[7].empty() ? "" : ",") + user;
+    return row;
+}
+
+nlohmann::ordered_json SessionObject(const Session& session, const Disk* disk)
+{
+    nlohmann::ordered_json object{{"sid", session.sid},
+                                  {"state", session.state},
+                                  {"portal", TextOrNull(PortalOf(session))},
+                                  {"iqn", session.iqn},
+                                  {"lun", nullptr},
+                                  {"device", nullptr},
+                                  {"bytes", nullptr},
+                                  {"disk_state", nullptr},
+                                  {"map", nullptr},
+                                  {"used_by", nlohmann::ordered_json::array()}};
+    if (disk == nullptr)
+        return object;
+    object["lun"] = disk->lun;
+    object["device"] = disk->device;
+    if (disk->bytes)
+        object["bytes"] = *disk->bytes;
+    object["disk_state"] = disk->state;
+    object["map"] = TextOrNull(disk->map);
+    object["used_by"] = disk->users;
+    return object;
 }
 
 } // namespace
@@ -129,113 +409,220 @@ std::string FormatTable(const std::vector<iSSCSISessionInfo>& disks)
 Answer Discover(const Request& request)
 {
     const PortalMatcher wanted(request.portal);
-    const Work work(request);
-    work.Require(work.initiator->RefreshiSCSITargetPortal(request.portal.c_str()) == 1,
-                 "cannot discover targets at " + request.portal);
-    const std::optional<std::vector<NodeRecord>> records = RunNodeReport();
-    work.Require(records.has_value(),
-                 "discovered the targets at " + request.portal + " but cannot list them");
+    const LibraryCall call(request);
+    const RecordLock lock = LockRecord(wanted, request);
+    const SlowWork work("discovering targets at " + request.portal);
+    if (call.initiator->RefreshiSCSITargetPortal(request.portal.c_str()) != 1)
+        call.Fail(Cause::ToolFailed, {"cannot discover targets at " + request.portal});
+    const std::vector<NodeRecord> records =
+        RequireRecords(call, "discovered the targets at " + request.portal + " but cannot list them");
 
     std::vector<std::string> targets;
-    for (const NodeRecord& record : *records)
+    for (const NodeRecord& record : records)
         if (wanted.Matches(record.portal) &&
             std::find(targets.begin(), targets.end(), record.iqn) == targets.end())
             targets.push_back(record.iqn);
     if (targets.empty())
-        Complain("no node record names " + request.portal + ": iscsiadm -m node lists them all");
+        PrintError("note: no node record names " + request.portal + "; all of them: zniscsi records");
     return {Lines(targets), {{"targets", targets}}};
 }
 
 Answer LogOn(const Request& request)
 {
-    Work work(request);
-    bool already = false;
-    work.watch.OnProgress([&already](const std::string& line) {
-        already = already || line == "Already logged on to this target.";
+    const Node node(request);
+    const LibraryCall call(request);
+    // Before a secret is asked for, and again when no other agent is at it.
+    if (const auto sessions = node.Select(ReadSessions()); !sessions.empty())
+        return AnswerLogOnBefore(sessions, request);
+    const std::unique_ptr<const Secret> secret = ReadSecret(request);
+    const RecordLock lock = LockRecord(node.portal, request);
+    if (const auto sessions = node.Select(ReadSessions()); !sessions.empty())
+        return AnswerLogOnBefore(sessions, request);
+
+    const SlowWork work("logging on to " + node.name);
+    const bool isReported = RunLogOn(call.initiator, request, secret.get());
+    std::vector<Session> sessions;
+    Await(isReported ? kMaxSettling : seconds(0), [&] {
+        sessions = node.Select(ReadSessions());
+        return AnyIsLoggedIn(sessions);
     });
-    const int done = request.chapUser ? LogOnWithChap(work.initiator, request)
-                                      : LogOnPlainly(work.initiator, request);
-    // Newer tools refuse a second log-on in words that the library does not know.
-    if (done == 0 && work.watch.LogOnFailed())
-        already = HasKernelSession(request);
-    work.Require(done == 1 || already, "cannot log on to " + NodeOf(request));
-    return {already ? "already logged on\n" : "logged on\n", {{"already", already}}};
+    if (!sessions.empty())
+        return AnswerLogOn(sessions, request, isReported);
+    const std::string sentence = "cannot log on to " + node.name;
+    if (isReported)
+        call.Fail(Cause::NoSession,
+                  {sentence, "/sbin/iscsiadm reported success, but the kernel has no such session",
+                   "what the tool says to it: /sbin/iscsiadm -m node -T " + request.iqn + " -p " +
+                       request.portal + " -l"});
+    call.Fail(Cause::ToolFailed, {sentence});
 }
 
 Answer LogOff(const Request& request)
 {
-    const Work work(request);
-    const int done = work.initiator->LogOffFromiSCSITarget(request.portal.c_str(), request.iqn.c_str());
-    work.Require(done == 1, "cannot log off from " + NodeOf(request));
-    return {"logged off\n"};
+    const Node node(request);
+    const LibraryCall call(request);
+    const RecordLock lock = LockRecord(node.portal, request);
+    const Machine machine = ReadMachine();
+    const std::vector<Session> ending = node.Select(machine.sessions);
+    if (ending.empty())
+        return {"already logged off\n", {{"already", true}}};
+    if (!request.force)
+        RefuseLosses(FindLosses(machine, ending), node);
+
+    const SlowWork work("logging off from " + node.name);
+    const bool isReported =
+        call.initiator->LogOffFromiSCSITarget(request.portal.c_str(), request.iqn.c_str()) == 1;
+    const bool isGone = Await(isReported ? kMaxSettling : seconds(0),
+                              [&] { return Remaining(ending, ReadSessions()).empty(); });
+    if (isGone)
+        return {isReported ? "logged off\n" : "already logged off\n", {{"already", !isReported}}};
+    const std::string sentence = "cannot log off from " + node.name;
+    if (isReported)
+        call.Fail(Cause::ToolFailed,
+                  {sentence, "/sbin/iscsiadm reported success, but the kernel still has the session"});
+    call.Fail(Cause::ToolFailed, {sentence});
 }
 
 Answer Forget(const Request& request)
 {
-    const Work work(request);
-    const int done = work.initiator.Concrete().DeleteiSCSIIQNFromiSCSIAdmDb(request.portal.c_str(),
-                                                                            request.iqn.c_str());
-    work.Require(done == 1, "cannot delete the node record of " + NodeOf(request));
-    return {"forgotten\n"};
+    const Node node(request);
+    const LibraryCall call(request);
+    const RecordLock lock = LockRecord(node.portal, request);
+    const std::string sentence = "cannot delete the node record of " + node.name;
+    const Answer already{"already forgotten\n", {{"already", true}}};
+    if (!HasRecord(RequireRecords(call, sentence), node))
+        return already;
+    if (call.initiator.Concrete().DeleteiSCSIIQNFromiSCSIAdmDb(request.portal.c_str(),
+                                                               request.iqn.c_str()) == 1)
+        return {"forgotten\n", {{"already", false}}};
+    if (!HasRecord(RequireRecords(call, sentence), node))
+        return already;
+    call.Fail(Cause::ToolFailed, {sentence});
+}
+
+Answer ListRecords(const Request& request)
+{
+    const LibraryCall call(request);
+    const std::vector<NodeRecord> records = RequireRecords(call, "cannot list the node records");
+    const std::vector<Session> sessions = ReadSessions();
+    std::vector<Row> rows;
+    auto json = nlohmann::ordered_json::array();
+    for (const NodeRecord& record : records)
+    {
+        rows.push_back({FormatPortal(record.portal), record.iqn});
+        json.push_back({{"portal", FormatPortal(record.portal)},
+                        {"iqn", record.iqn},
+                        {"in_use", IsInUse(record, sessions)}});
+    }
+    return {Table({"PORTAL", "IQN"}, rows, request), {{"records", json}}};
 }
 
 Answer FindDisks(const Request& request)
 {
-    Work work(request);
-    std::list<std::string> devices;
-    work.WaitFor("a disk of " + request.iqn, [&] {
+    LibraryCall call(request);
+    std::list<std::string> devices, before;
+    // Disks show up one by one: with patience, two looks have to agree.
+    const auto isComplete = [&] {
+        if (request.diskCount)
+            return devices.size() >= *request.diskCount;
+        return !devices.empty() && (!request.waitSeconds || devices == std::exchange(before, devices));
+    };
+    std::vector<Session> sessions;
+    const bool isFound = call.WaitFor("the disks of " + request.iqn, [&] {
         devices.clear();
-        return work.initiator->GetPhysicalDevicesForTargetIQN(request.iqn.c_str(), devices);
+        call.initiator->GetPhysicalDevicesForTargetIQN(request.iqn.c_str(), devices);
+        sessions = SelectSessions(ReadSessions(), request.iqn);
+        const std::vector<std::string> known = DevicesOf(sessions);
+        devices.remove_if([&known](const std::string& device) {
+            return std::find(known.begin(), known.end(), device) == known.end();
+        });
+        return isComplete();
     });
+    if (devices.empty() && request.diskCount.value_or(1) > 0)
+        FailForWantOfDisks(call, "cannot find a disk of " + request.iqn);
+    if (!isFound && request.diskCount)
+        call.Fail(Cause::NoDevice, {"found " + std::to_string(devices.size()) + " of " +
+                                    std::to_string(*request.diskCount) + " disks of " + request.iqn});
+    WarnOfDeadPaths(sessions, {devices.begin(), devices.end()});
     return {Lines(devices), {{"devices", devices}}};
 }
 
 Answer FindDisk(const Request& request)
 {
     if (request.retryPauseSeconds)
-        znhost::LimitPauses(std::chrono::seconds(*request.retryPauseSeconds));
-    Work work(request);
-    const std::string attempts = std::to_string(ReadAttemptLimit(work.initiator));
+        znhost::LimitPauses(seconds(*request.retryPauseSeconds));
+    LibraryCall call(request);
+    const std::string attempts = std::to_string(ReadAttemptLimit(call.initiator));
     int attempt = 0;
-    work.watch.OnProgress([&](const std::string& line) {
-        if (line == "Running [/usr/sbin/ehcmcli status]")
+    call.watch.OnProgress([&](const std::string& line) {
+        if (line == words::kEhcmcliRun)
             ShowStatusLine("attempt " + std::to_string(++attempt) + " of " + attempts +
                            ": multipath device of " + request.iqn);
     });
-    std::array<char, 4096> device{};
-    unsigned long size = device.size();
-    work.WaitFor("a disk of " + request.iqn, [&] {
+    std::array<char, 4096> found{};
+    unsigned long size = found.size();
+    std::vector<Path> paths;
+    Machine machine;
+    const bool isFound = call.WaitFor("a disk of " + request.iqn, [&] {
         attempt = 0;
-        return work.initiator->GetPhysicalDeviceForTargetIQN(request.iqn.c_str(), device.data(), size);
+        found.fill('\0');
+        if (call.initiator->GetPhysicalDeviceForTargetIQN(request.iqn.c_str(), found.data(), size) != 1)
+            return false;
+        machine = ReadMachine();
+        paths =
+            FindPaths(SelectSessions(machine.sessions, request.iqn), FindDisksBeneath(found.data()));
+        return !paths.empty();
     });
-    return {Lines(std::array<std::string, 1>{device.data()}), {{"device", device.data()}}};
+    const std::string device = found.data();
+    const std::string sentence = "cannot find a disk of " + request.iqn;
+    if (!isFound && !device.empty())
+        call.Fail(Cause::NoDevice,
+                  {sentence, device + " is reported, but the kernel shows no disk of " + request.iqn +
+                                 " beneath it"});
+    if (!isFound)
+        FailForWantOfDisks(call, sentence);
+    const Disk& disk = paths.front().disk;
+    if (disk.device == device && !disk.map.empty())
+        return {Lines(Row{disk.map}), {{"device", disk.map}, {"path", device}}};
+    WarnOfDeadPaths(machine.sessions, {device});
+    return {Lines(Row{device}), {{"device", device}, {"path", nullptr}}};
 }
 
 Answer FindTarget(const Request& request)
 {
-    Work work(request);
-    std::array<char, 4096> portal{}, iqn{};
-    unsigned long portalSize = portal.size(), iqnSize = iqn.size();
-    work.WaitFor("the target of " + request.device, [&] {
-        return work.initiator->GetTargetIPAndIQNForDevice(request.device.c_str(), portal.data(),
-                                                          portalSize, iqn.data(), iqnSize);
+    LibraryCall call(request);
+    std::vector<Path> paths;
+    std::optional<TargetOfDevice> target;
+    const bool isFound = call.WaitFor("the target of " + request.device, [&] {
+        const std::vector<std::string> disks = FindDisksBeneath(request.device);
+        paths = FindPaths(ReadSessions(), disks);
+        if (!request.paths && !disks.empty())
+            target = FindTargetOf(call, paths);
+        return request.paths ? !paths.empty() : target.has_value();
     });
-    return {Lines(std::array<std::string, 2>{portal.data(), iqn.data()}),
-            {{"portal", portal.data()}, {"iqn", iqn.data()}}};
+    if (!isFound)
+        FailForWantOfTarget(call, paths);
+    if (request.paths)
+        return ListPaths(request, paths);
+    return {Lines(Row{target->portal, target->iqn}),
+            {{"portal", target->portal}, {"iqn", target->iqn}}};
 }
 
 Answer ListSessions(const Request& request)
 {
-    const Work work(request);
-    const std::optional<std::vector<iSSCSISessionInfo>> disks = RunSessionReport();
-    work.Require(disks.has_value(), "cannot list the sessions");
-    auto sessions = nlohmann::ordered_json::array();
-    for (const iSSCSISessionInfo& disk : *disks)
-        sessions.push_back({{"device", disk.sDeviceName},
-                            {"portal", disk.sTargetPortal},
-                            {"iqn", disk.sTargetVolIQN}});
-    if (!disks->empty())
-        return {FormatTable(*disks), {{"sessions", sessions}}};
-    return {ReadKernelSessions().empty() ? "no sessions\n" : "no session presents a disk\n",
-            {{"sessions", sessions}}};
+    std::vector<Row> rows;
+    auto json = nlohmann::ordered_json::array();
+    const auto add = [&](const Session& session, const Disk* disk) {
+        rows.push_back(SessionRow(session, disk));
+        json.push_back(SessionObject(session, disk));
+    };
+    for (const Session& session : ReadMachine().sessions)
+    {
+        for (const Disk& disk : session.disks)
+            add(session, &disk);
+        if (session.disks.empty())
+            add(session, nullptr);
+    }
+    return {Table({"SID", "STATE", "PORTAL", "IQN", "LUN", "DEVICE", "SIZE", "USED BY"}, rows, request),
+            {{"sessions", json}}};
 }

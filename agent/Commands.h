@@ -9,11 +9,12 @@ Answer Discover(const Request& request);
 Answer LogOn(const Request& request);
 Answer LogOff(const Request& request);
 Answer Forget(const Request& request);
+Answer ListRecords(const Request& request);
 Answer FindDisks(const Request& request);
 Answer FindDisk(const Request& request);
 Answer FindTarget(const Request& request);
 Answer ListSessions(const Request& request);
 
-// Whether this host has what the others need, and what to do where it has not. Its exit status is that
-// of the first check that failed.
+// Whether this host has what the others need, and what to do where it has not. Its cause is that of the
+// first check that failed.
 Answer Examine(const Request& request);

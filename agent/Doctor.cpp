@@ -2,85 +2,146 @@
 #include "agent/LogWatch.h"
 #include "host/EvDebug.h"
 #include "host/OSType.h"
+#include "host/ZnProcess.h"
+#include "standalone/znlib/Log.h"
 #include "standalone/znlib/Registry.h"
+#include "standalone/znlib/Text.h"
+#include "standalone/znlib/TextFile.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <fstream>
 #include <iomanip>
-#include <iterator>
 #include <sstream>
+#include <stdexcept>
 
+#include <sys/utsname.h>
 #include <unistd.h>
 
 namespace
 {
 
-struct Check
+struct Finding
 {
-    const char* name;
-    std::string finding;
-    std::string advice{};   // none when all is well
-    Exit exit = Exit::Done; // other than Done when the agent cannot do without it
+    std::string text;
+    std::string advice{};         // empty when all is well
+    std::optional<Cause> cause{}; // set when a log-on fails for it
 };
 
-const char* StateOf(const Check& check)
+const char* StateOf(const Finding& finding)
 {
-    if (check.exit != Exit::Done)
+    if (finding.cause)
         return "fail";
-    return check.advice.empty() ? "ok" : "note";
+    return finding.advice.empty() ? "ok" : "note";
 }
 
-Check CheckHost()
+bool Exists(const std::string& path)
+{
+    return access(path.c_str(), F_OK) == 0;
+}
+
+bool HasText(const std::string& file, const std::string& text)
+{
+    constexpr std::size_t kMaxBytes = 64 << 20;
+    return znhost::ReadTextFile(file, kMaxBytes).value_or("").find(text) != std::string::npos;
+}
+
+Finding CheckHost()
 {
     constexpr const char* kAdvice = "Run the agent on a Red Hat family Linux of release 5 or later.";
     detectOSType();
     if (g_iOsType != 1)
-        return {"host", "no Red Hat family Linux", kAdvice, Exit::HostNotServed};
+        return {"no Red Hat family Linux", kAdvice, Cause::NotServed};
     const std::string finding = "Red Hat family Linux, release " + std::to_string(g_iOsVersion);
     if (g_iOsVersion < 5)
-        return {"host", finding, kAdvice, Exit::HostNotServed};
-    return {"host", finding};
+        return {finding, kAdvice, Cause::NotServed};
+    return {finding};
 }
 
-Check CheckTool()
+// Only a run tells that a tool can be run: its interpreter may be missing, or a library.
+Finding CheckTool()
 {
     const std::string path = "/sbin/iscsiadm";
     constexpr const char* kAdvice = "Install the package iscsi-initiator-utils.";
-    if (access(path.c_str(), F_OK) != 0)
-        return {"administration tool", path + " is missing", kAdvice, Exit::ToolMissing};
-    if (access(path.c_str(), X_OK) != 0)
-        return {"administration tool", path + " cannot be run: " + std::strerror(errno), kAdvice,
-                Exit::Failed};
-    return {"administration tool", path};
+    if (!Exists(path))
+        return {path + " is missing", kAdvice, Cause::ToolMissing};
+    std::string output, errorOutput;
+    const int result =
+        ZnProcess::system((path + " --version").c_str(), &output, &errorOutput, 0, false);
+    const std::string said = output + errorOutput; // some versions tell theirs on standard error
+    const std::string line = said.substr(0, said.find('\n'));
+    if (result < 0 || result > 125)
+        return {line, kAdvice, Cause::ToolFailed};
+    return {path + (line.empty() ? "" : ", " + line)};
+}
+
+// The initiator logs on under this name.
+Finding CheckInitiatorName()
+{
+    const std::string file = "/etc/iscsi/initiatorname.iscsi";
+    std::istringstream lines(znhost::ReadTextFile(file).value_or(""));
+    const std::string key = "InitiatorName=";
+    for (std::string line; std::getline(lines, line);)
+        if (line.rfind(key, 0) == 0 && line.size() > key.size())
+            return {line.substr(key.size())};
+    return {file + " names none", "Write one: echo InitiatorName=$(/sbin/iscsi-iname) >" + file,
+            Cause::ToolFailed};
+}
+
+// Loaded, built in, or there to be loaded when the first session needs it.
+Finding CheckModule()
+{
+    utsname kernel{};
+    uname(&kernel);
+    const std::string folder = std::string("/lib/modules/") + kernel.release;
+    if (Exists("/sys/class/iscsi_transport/tcp"))
+        return {"iscsi_tcp is loaded"};
+    if (HasText(folder + "/modules.dep", "/iscsi_tcp.ko") ||
+        HasText(folder + "/modules.builtin", "/iscsi_tcp.ko"))
+        return {"iscsi_tcp can be loaded"};
+    return {"iscsi_tcp is not loaded, and " + folder + " has none",
+            "Install the kernel's modules (kernel-modules-core), or boot the kernel that they are for.",
+            Cause::ToolFailed};
 }
 
 // The tool meets the daemon, or what starts it on demand, at a socket of this name.
-Check CheckDaemon()
+Finding CheckDaemon()
 {
-    std::ifstream file("/proc/net/unix");
-    const std::string sockets{std::istreambuf_iterator<char>(file), {}};
-    if (sockets.find("@ISCSIADM_ABSTRACT_NAMESPACE") != std::string::npos)
-        return {"initiator daemon", "iscsid listens"};
-    return {"initiator daemon", "iscsid is not seen to listen",
-            "If log-ons fail, start it: systemctl enable --now iscsid.socket"};
+    constexpr const char* kAdvice = "Start it: systemctl enable --now iscsid.socket";
+    if (HasText("/proc/net/unix", "@ISCSIADM_ABSTRACT_NAMESPACE"))
+        return {"iscsid listens"};
+    if (HasText("/etc/iscsi/iscsid.conf", "\niscsid.startup"))
+        return {"iscsid does not listen; the tool starts it when it is needed", kAdvice};
+    return {"iscsid does not listen", kAdvice, Cause::ToolFailed};
 }
 
-Check CheckMultipathTool()
+// Needed where there are multipath maps, or are to be.
+Finding CheckMultipathDaemon()
+{
+    if (HasText("/proc/net/unix", "@/org/kernel/linux/storage/multipathd"))
+        return {"multipathd listens"};
+    if (!Exists("/etc/multipath.conf"))
+        return {"multipathd does not listen, and no /etc/multipath.conf asks for it"};
+    return {"multipathd does not listen, but there is an /etc/multipath.conf",
+            "Start it: systemctl enable --now multipathd"};
+}
+
+Finding CheckMultipathTool()
 {
     const std::string path = "/usr/sbin/ehcmcli";
-    if (access(path.c_str(), X_OK) == 0)
-        return {"multipath tool", path};
-    return {"multipath tool", path + " is not there", "Needed for an array's multipath volumes only."};
+    constexpr const char* kAdvice = "Needed for an array's multipath volumes only.";
+    if (!Exists(path))
+        return {path + " is not there", kAdvice};
+    std::string output, errorOutput;
+    if (ZnProcess::system((path + " status").c_str(), &output, &errorOutput, 0, false) == 0)
+        return {path};
+    return {errorOutput.substr(0, errorOutput.find('\n')), kAdvice};
 }
 
-Check CheckUser()
+Finding CheckUser()
 {
     if (geteuid() == 0)
-        return {"user", "root"};
-    return {"user", "not root", "Run the agent as root: the initiator takes orders from nobody else.",
-            Exit::Failed};
+        return {"root"};
+    return {"not root", "Run the agent as root: the initiator takes orders from nobody else.",
+            Cause::ToolFailed};
 }
 
 std::string RegistryTrouble()
@@ -90,26 +151,54 @@ std::string RegistryTrouble()
     return error;
 }
 
-Check CheckRegistry()
+Finding CheckRegistry()
 {
     const std::string file = znhost::RegistryFile();
     if (const std::string error = RegistryTrouble(); !error.empty())
-        return {"registry", error, "Correct it, or name another file in ZN_REGISTRY.", Exit::Failed};
-    return {"registry", file + (access(file.c_str(), F_OK) == 0 ? "" : " (not there: defaults hold)")};
+        return {error, "Correct it, or name another file in ZN_REGISTRY.", Cause::ToolFailed};
+    return {file + (Exists(file) ? "" : " (not there: the defaults are used)")};
 }
 
 // A line that the log shows tells whether it takes any.
-Check CheckLog()
+Finding CheckLog()
 {
     const znhost::LogSettings& settings = znhost::CurrentLogSettings();
     if (const std::string fault = settings.fault; !fault.empty() && fault != RegistryTrouble())
-        return {"log", fault, "Correct the setting, in the environment (ZN_LOG_...) or the registry.",
-                Exit::Failed};
+        return {fault, "Correct the setting, in the environment (ZN_LOG_...) or the registry.",
+                Cause::ToolFailed};
     EvEvent().DebugLvl("zniscsi", std::min(0, settings.level), "Examining this host.");
     if (const std::string trouble = znhost::LogTrouble(); !trouble.empty())
-        return {"log", trouble, "Name another file: --log FILE or ZN_LOG_FILE.", Exit::Failed};
+        return {trouble, "Name another file: --log FILE or ZN_LOG_FILE.", Cause::ToolFailed};
     const std::string file = settings.file;
-    return {"log", file == "-" ? "standard error" : file};
+    return {file == "-" ? "standard error" : file};
+}
+
+struct Check
+{
+    const char* name;
+    Finding (*look)();
+};
+
+constexpr Check kChecks[] = {{"host", CheckHost},
+                             {"administration tool", CheckTool},
+                             {"initiator name", CheckInitiatorName},
+                             {"kernel module", CheckModule},
+                             {"initiator daemon", CheckDaemon},
+                             {"multipath daemon", CheckMultipathDaemon},
+                             {"multipath tool", CheckMultipathTool},
+                             {"user", CheckUser},
+                             {"registry", CheckRegistry},
+                             {"log", CheckLog}};
+
+// What cannot be looked at is no reason to leave out the rest.
+Finding Look(const Check& check)
+try
+{
+    return check.look();
+}
+catch (const std::runtime_error& error)
+{
+    return {error.what(), "See that it can be read.", Cause::ToolFailed};
 }
 
 } // namespace
@@ -119,21 +208,21 @@ Answer Examine(const Request& request)
     const LogWatch watch(request.verbosity);
     Answer answer;
     std::ostringstream text;
-    for (const Check& check : {CheckHost(), CheckTool(), CheckDaemon(), CheckMultipathTool(),
-                               CheckUser(), CheckRegistry(), CheckLog()})
+    for (const Check& check : kChecks)
     {
-        text << std::left << std::setw(6) << StateOf(check) << std::setw(21) << check.name
-             << check.finding << '\n';
-        if (!check.advice.empty())
-            text << std::setw(27) << "" << check.advice << '\n';
+        const Finding finding = Look(check);
+        text << std::left << std::setw(6) << StateOf(finding) << std::setw(21) << check.name
+             << znhost::Printable(finding.text) << '\n';
+        if (!finding.advice.empty())
+            text << std::setw(27) << "" << znhost::Printable(finding.advice) << '\n';
         answer.fields["checks"].push_back({{"name", check.name},
-                                           {"state", StateOf(check)},
-                                           {"finding", check.finding},
-                                           {"advice", check.advice}});
-        if (check.exit != Exit::Done)
-            answer.reasons.push_back(std::string(check.name) + ": " + check.finding);
-        if (answer.exit == Exit::Done)
-            answer.exit = check.exit;
+                                           {"state", StateOf(finding)},
+                                           {"finding", finding.text},
+                                           {"advice", finding.advice}});
+        if (finding.cause)
+            answer.reasons.push_back(std::string(check.name) + ": " + finding.text);
+        if (!answer.cause)
+            answer.cause = finding.cause;
     }
     answer.text = text.str();
     return answer;

@@ -1,6 +1,7 @@
 #include "agent/Initiator.h"
 
-#include "agent/Output.h"
+#include "agent/Reasons.h"
+#include "host/EvDebug.h"
 #include "host/ZnProcess.h"
 
 #include <sstream>
@@ -10,35 +11,16 @@
 namespace
 {
 
-// What `command` prints; empty when it fails with `nothing`, the tool's words for having nothing to
-// report.
-std::optional<std::string> RunReport(const char* command, const char* nothing)
-{
-    constexpr const char* kTag = "zniscsi::RunReport";
-    constexpr const char* kTool = "/sbin/iscsiadm";
-    EvEvent log;
-    if (access(kTool, F_OK) != 0)
-    {
-        log.DebugLvl(kTag, -1, "%s not found!!", kTool);
-        return std::nullopt;
-    }
-    log.DebugLvl(kTag, 0, "Running [%s]", command);
-    std::string output;
-    std::string errorOutput;
-    if (ZnProcess::system(command, &output, &errorOutput, 0, false) == 0)
-        return output;
-    if (errorOutput.find(nothing) != std::string::npos)
-        return "";
-    log.DebugLvl(kTag, -1, "Failed to run %s: %s", command, errorOutput.c_str());
-    return std::nullopt;
-}
+constexpr const char* kTag = "zniscsi";
+constexpr const char* kTool = "/sbin/iscsiadm";
+constexpr const char* kNodeReport = "/sbin/iscsiadm -m node";
 
 } // namespace
 
 Initiator::Initiator(unsigned long long jobId) : m_instance(GetInstance())
 {
     if (!m_instance)
-        throw Failure(Exit::HostNotServed,
+        throw Failure(Cause::NotServed,
                       {"this host is not served: it is no Red Hat family Linux of release 5 or later"});
     m_instance->SetLogging(jobId);
 }
@@ -63,20 +45,18 @@ std::vector<NodeRecord> ParseNodeRecords(const std::string& report)
 
 std::optional<std::vector<NodeRecord>> RunNodeReport()
 {
-    const std::optional<std::string> report = RunReport("/sbin/iscsiadm -m node", "No records found");
-    if (!report)
+    EvEvent log;
+    if (access(kTool, F_OK) != 0)
+    {
+        log.DebugLvl(kTag, -1, "%s", words::kIscsiadmMissing);
         return std::nullopt;
-    return ParseNodeRecords(*report);
-}
-
-std::optional<std::vector<iSSCSISessionInfo>> RunSessionReport()
-{
-    constexpr const char* kNothing = "No active sessions";
-    std::optional<std::string> report = RunReport("/sbin/iscsiadm -m session -P3", kNothing);
-    if (!report) // the oldest tools have another option for it
-        report = RunReport("/sbin/iscsiadm -m session -i", kNothing);
-    std::vector<iSSCSISessionInfo> disks;
-    if (!report || !ParseIscsiadmSessionInfoOutput(*report, disks))
-        return std::nullopt;
-    return disks;
+    }
+    log.DebugLvl(kTag, 0, "Running [%s]", kNodeReport);
+    std::string output, errorOutput;
+    if (ZnProcess::system(kNodeReport, &output, &errorOutput, 0, false) == 0)
+        return ParseNodeRecords(output);
+    if (Contains(errorOutput, words::kNoRecord))
+        return std::vector<NodeRecord>();
+    log.DebugLvl(kTag, -1, "Failed to run %s: %s", kNodeReport, errorOutput.c_str());
+    return std::nullopt;
 }

@@ -1,5 +1,5 @@
-// This machine's initiator: an instance of the library, held as any host holds one, and two reports of
-// the administration tool that the library does not hand on.
+// This machine's initiator: an instance of the library, held as any host holds one, and a report of the
+// administration tool that the library does not hand on.
 #pragma once
 
 #include "agent/Portal.h"
@@ -13,7 +13,7 @@
 class Initiator
 {
 public:
-    // Throws a Failure on a host that the library does not serve.
+    // Throws a Failure on a host that the library does not serve, or cannot tell.
     explicit Initiator(unsigned long long jobId);
 
     // The operations, through the dispatch table.
@@ -41,7 +41,6 @@ struct NodeRecord
 // Lines that are no record are passed over.
 std::vector<NodeRecord> ParseNodeRecords(const std::string& report);
 
-// Both run the tool. No value, and the reason in the log, when it does not report. Where it fails for
-// having nothing to report the list is empty.
+// Runs the tool. No value, and the reason in the log, when it does not report; no records where it says
+// that there are none.
 std::optional<std::vector<NodeRecord>> RunNodeReport();
-std::optional<std::vector<iSSCSISessionInfo>> RunSessionReport();

@@ -8,15 +8,12 @@
 #include <utility>
 #include <vector>
 
-// The error lines of one operation as a user wants them: each thing once, a tool's words line by line
-// behind the command that was run.
-std::vector<std::string> ParseReasons(const std::vector<std::string>& errors);
-
 // Listens to this thread's log lines while it lives.
 class LogWatch
 {
 public:
-    // `verbosity` 1 shows the lines on standard error as they are written, 2 also the tools' reports.
+    // `verbosity` 1 shows on standard error what is run and found, as it is logged; 2 the parsers'
+    // steps and the tools' reports too.
     explicit LogWatch(int verbosity);
 
     // From now on `listener` is called with the text of every line of progress.
@@ -28,11 +25,6 @@ public:
     // What was written since the start, or since the last Forget.
     const std::vector<std::string>& Errors() const { return m_errors; }
     void Forget() { m_errors.clear(); }
-
-    bool ToolWasMissing() const;
-
-    // The last thing that failed was the log-on itself.
-    bool LogOnFailed() const;
 
 private:
     void Hear(const znhost::LogEntry& entry);

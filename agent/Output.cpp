@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <iostream>
 
 namespace
 {
@@ -14,17 +13,74 @@ namespace
 void Write(const std::string& text)
 {
     EraseStatusLine();
-    const bool taken = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
-    if (!taken || std::fflush(stdout) != 0)
-        throw Failure(Exit::Failed,
+    const bool isTaken = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
+    if (!isTaken || std::fflush(stdout) != 0)
+        throw Failure(Cause::ToolFailed,
                       {std::string("cannot write to standard output: ") + std::strerror(errno)});
+}
+
+// Names from outside need not be UTF-8, and may hold what drives a terminal.
+void MakePrintable(nlohmann::ordered_json& json)
+{
+    if (json.is_string())
+        json = znhost::Printable(json.get_ref<const std::string&>());
+    else if (json.is_structured())
+        for (nlohmann::ordered_json& item : json)
+            MakePrintable(item);
 }
 
 } // namespace
 
-Failure::Failure(Exit exit, const std::vector<std::string>& reasons)
+const char* NameOf(Cause cause)
+{
+    switch (cause)
+    {
+    case Cause::NoRecord:
+        return "no-record";
+    case Cause::NoSession:
+        return "no-session";
+    case Cause::SessionFailed:
+        return "session-failed";
+    case Cause::NotAuthorized:
+        return "not-authorized";
+    case Cause::Unreachable:
+        return "unreachable";
+    case Cause::TimedOut:
+        return "timed-out";
+    case Cause::InUse:
+        return "in-use";
+    case Cause::NoDevice:
+        return "no-device";
+    case Cause::Usage:
+        return "usage";
+    case Cause::NotServed:
+        return "not-served";
+    case Cause::ToolMissing:
+        return "tool-missing";
+    case Cause::ToolFailed:
+        break;
+    }
+    return "tool-failed";
+}
+
+int ExitStatusOf(Cause cause)
+{
+    switch (cause)
+    {
+    case Cause::Usage:
+        return 2;
+    case Cause::NotServed:
+        return 3;
+    case Cause::ToolMissing:
+        return 4;
+    default:
+        return 1;
+    }
+}
+
+Failure::Failure(Cause cause, const std::vector<std::string>& reasons)
     : std::runtime_error(reasons.front()),
-      answer(std::make_shared<Answer>(Answer{"", nlohmann::ordered_json::object(), exit, reasons}))
+      answer(std::make_shared<Answer>(Answer{"", nlohmann::ordered_json::object(), cause, reasons}))
 {
 }
 
@@ -35,16 +91,17 @@ void PrintText(const Answer& answer)
 
 void PrintJson(const Answer& answer)
 {
-    nlohmann::ordered_json object{{"ok", answer.exit == Exit::Done}};
-    if (answer.exit != Exit::Done)
-        object.update({{"exit", static_cast<int>(answer.exit)}, {"reasons", answer.reasons}});
+    nlohmann::ordered_json object{{"ok", !answer.cause}};
+    if (answer.cause)
+        object.update({{"exit", ExitStatusOf(*answer.cause)},
+                       {"cause", NameOf(*answer.cause)},
+                       {"reasons", answer.reasons}});
     object.update(answer.fields);
-    // Names from outside need not be UTF-8.
-    Write(object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + '\n');
+    MakePrintable(object);
+    Write(object.dump() + '\n');
 }
 
-void Complain(const std::string& line)
+void PrintError(const std::string& line)
 {
-    EraseStatusLine();
-    std::cerr << "zniscsi: " + znhost::Printable(line) + '\n';
+    WriteToStandardError("zniscsi: " + znhost::Printable(line) + '\n');
 }

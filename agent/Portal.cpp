@@ -10,6 +10,8 @@
 namespace
 {
 
+constexpr std::uint16_t kDefaultPort = 3260;
+
 // ":3260"; 0 when it is no port.
 std::uint16_t ParsePort(std::string_view text)
 {
@@ -19,25 +21,25 @@ std::uint16_t ParsePort(std::string_view text)
     return text.front() == ':' && error == std::errc() && stop == end ? port : std::uint16_t{0};
 }
 
-// `host` as it is written and its addresses in the usual spelling.
-std::set<std::string> FindSpellings(const std::string& host, int resolverFlags)
+// The addresses of `host` in their usual spelling; none when it is not found.
+std::set<std::string> FindAddresses(const std::string& host, int resolverFlags)
 {
-    std::set<std::string> spellings{host};
+    std::set<std::string> addresses;
     addrinfo hints{};
     hints.ai_flags = resolverFlags;
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* found = nullptr;
     if (getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0)
-        return spellings;
+        return addresses;
     const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, &freeaddrinfo);
     for (; found != nullptr; found = found->ai_next)
     {
         std::array<char, NI_MAXHOST> text{};
         if (getnameinfo(found->ai_addr, found->ai_addrlen, text.data(), text.size(), nullptr, 0,
                         NI_NUMERICHOST) == 0)
-            spellings.insert(text.data());
+            addresses.insert(text.data());
     }
-    return spellings;
+    return addresses;
 }
 
 } // namespace
@@ -55,21 +57,35 @@ std::optional<Portal> ParsePortal(std::string_view text)
     const std::size_t hostEnd = std::min(isBracketed ? bracket + 1 : colon, text.size());
     const std::string_view host = isBracketed ? text.substr(1, bracket - 1) : text.substr(0, hostEnd);
     const std::string_view port = text.substr(hostEnd);
-    const std::uint16_t number = port.empty() ? std::uint16_t{3260} : ParsePort(port);
+    const std::uint16_t number = port.empty() ? kDefaultPort : ParsePort(port);
     if (host.empty() || host.find_first_of("[]") != std::string_view::npos || number == 0)
         return std::nullopt;
     return Portal{std::string(host), number};
 }
 
+std::string FormatPortal(const Portal& portal)
+{
+    const bool isIpv6 = portal.host.find(':') != std::string::npos;
+    const std::string host = isIpv6 ? '[' + portal.host + ']' : portal.host;
+    return portal.port == kDefaultPort ? host : host + ':' + std::to_string(portal.port);
+}
+
 PortalMatcher::PortalMatcher(const std::string& wanted)
-    : m_wanted(ParsePortal(wanted).value()), m_hosts(FindSpellings(m_wanted.host, 0))
+    : m_wanted(ParsePortal(wanted).value()), m_addresses(FindAddresses(m_wanted.host, 0))
 {
 }
 
 bool PortalMatcher::Matches(const Portal& portal) const
 {
-    const std::set<std::string> spellings = FindSpellings(portal.host, AI_NUMERICHOST);
-    return portal.port == m_wanted.port &&
-           std::any_of(spellings.begin(), spellings.end(),
-                       [this](const std::string& host) { return m_hosts.count(host) != 0; });
+    if (portal.port != m_wanted.port)
+        return false;
+    const std::set<std::string> addresses = FindAddresses(portal.host, AI_NUMERICHOST);
+    return portal.host == m_wanted.host ||
+           std::any_of(addresses.begin(), addresses.end(),
+                       [this](const std::string& address) { return m_addresses.count(address) != 0; });
+}
+
+std::string PortalMatcher::Canonical() const
+{
+    return FormatPortal({m_addresses.empty() ? m_wanted.host : *m_addresses.begin(), m_wanted.port});
 }

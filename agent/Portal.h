@@ -17,6 +17,9 @@ struct Portal
 // (",1") behind it is passed over.
 std::optional<Portal> ParsePortal(std::string_view text);
 
+// "192.0.2.10", "192.0.2.10:3261", "[2001:db8::10]": what every command and the tool take.
+std::string FormatPortal(const Portal& portal);
+
 // Tells whether a portal of the initiator's is the one that the user means.
 class PortalMatcher
 {
@@ -27,7 +30,10 @@ public:
 
     bool Matches(const Portal& portal) const;
 
+    // One spelling for all that lead to the same address and port.
+    std::string Canonical() const;
+
 private:
     Portal m_wanted;
-    std::set<std::string> m_hosts;
+    std::set<std::string> m_addresses;
 };

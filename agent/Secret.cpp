@@ -5,9 +5,10 @@
 #include "standalone/znlib/Descriptor.h"
 
 #include <cstring>
-#include <iostream>
 
 #include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 namespace
@@ -16,16 +17,25 @@ namespace
 void RequireSuccess(bool succeeded, const std::string& source)
 {
     if (!succeeded)
-        throw Failure(Exit::Usage, {"cannot read " + source + ": " + std::strerror(errno)});
+        throw Failure(Cause::Usage, {"cannot read " + source + ": " + std::strerror(errno)});
+}
+
+// Neither this process nor the tool, which gets the secret on its command line, leaves a core file.
+void KeepOutOfCoreFiles()
+{
+    const rlimit none{};
+    setrlimit(RLIMIT_CORE, &none);
+    prctl(PR_SET_DUMPABLE, 0); // a limit does not keep the kernel from handing a core to a program
 }
 
 } // namespace
 
-// The delegation makes the object whole at once: it is wiped also when the secret is refused.
+// Delegating first means that the destructor wipes even if this body throws.
 Secret::Secret(int descriptor, const std::string& source) : Secret()
 {
+    KeepOutOfCoreFiles();
     std::size_t length = 0;
-    for (; length <= kLongestChapValue; ++length)
+    for (; length <= kMaxChapBytes; ++length)
     {
         const ssize_t got =
             znlib::Uninterrupted([&] { return read(descriptor, &m_text.at(length), 1); });
@@ -34,7 +44,7 @@ Secret::Secret(int descriptor, const std::string& source) : Secret()
             break;
     }
     if (const std::string fault = FindChapFault({m_text.data(), length}); !fault.empty())
-        throw Failure(Exit::Usage, {"the CHAP secret: " + fault});
+        throw Failure(Cause::Usage, {"the CHAP secret: " + fault});
     m_text.at(length) = '\0';
 }
 
@@ -51,7 +61,7 @@ Secret ReadSecretFile(const std::string& file)
     };
     RequireSuccess(descriptor.IsOpen() && fstat(descriptor.Get(), &status) == 0, file);
     if (S_ISREG(status.st_mode) && (status.st_mode & (S_IRGRP | S_IROTH)) != 0)
-        Complain("warning: others can read " + file + ": chmod 600 it");
+        PrintError("warning: others can read " + file + ": chmod 600 it");
     return {descriptor.Get(), file};
 }
 
@@ -59,7 +69,6 @@ Secret ReadSecretFromStandardInput(const std::string& user)
 {
     if (isatty(STDIN_FILENO) == 0)
         return {STDIN_FILENO, "standard input"};
-    const EchoOff noEcho;
-    std::cerr << "CHAP secret for " + user + ": ";
+    const HiddenPrompt prompt("CHAP secret for " + user + ": ");
     return {STDIN_FILENO, "the terminal"};
 }

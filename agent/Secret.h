@@ -23,7 +23,7 @@ private:
     Secret() = default;
 
     // One byte more shows that it is too long.
-    std::array<char, kLongestChapValue + 2> m_text{};
+    std::array<char, kMaxChapBytes + 2> m_text{};
 };
 
 // Warns on standard error about a file that others may read.

@@ -1,106 +1,235 @@
 #include "agent/Terminal.h"
 
+#include "standalone/znlib/Descriptor.h"
+#include "standalone/znlib/Text.h"
+
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <ctime>
 #include <system_error>
 
 #include <sys/ioctl.h>
+#include <sys/time.h>
+#include <termios.h>
 #include <unistd.h>
 
+// Signal handlers work on what follows: atomics, and plain data that is written only while the atomic
+// beside it says that no handler looks at it.
 namespace
 {
 
-// What a signal handler has to take back.
+using Line = std::array<char, 512>;
+
+std::atomic<bool> g_hasStatus{false}; // there is a text, and the clock runs
 std::atomic<bool> g_statusIsShown{false};
+Line g_status{};
+timespec g_statusStart{};
+
+std::atomic<bool> g_promptIsOpen{false};
 std::atomic<bool> g_echoIsOff{false};
+Line g_prompt{};
 termios g_settingsWithEcho{};
 
-void Write(std::string_view text)
+using SignalHandler = void (*)(int);
+
+// Sets `handler` for a signal that has its default action.
+void HandleIfDefault(int signal, SignalHandler handler, int flags)
 {
-    // A terminal that is gone is no loss.
-    static_cast<void>(!write(STDERR_FILENO, text.data(), text.size()));
+    struct sigaction ours
+    {
+    };
+    struct sigaction before
+    {
+    };
+    ours.sa_handler = handler;
+    ours.sa_flags = flags;
+    sigfillset(&ours.sa_mask); // SIGTTOU among them: a handler may change the terminal's settings
+    if (sigaction(signal, nullptr, &before) == 0 && before.sa_handler == SIG_DFL)
+        sigaction(signal, &ours, nullptr);
 }
 
-void RestoreEcho()
+bool IsInForeground()
+{
+    return tcgetpgrp(STDIN_FILENO) == getpgrp();
+}
+
+// False, and errno set, when the terminal does not take it.
+bool TurnEchoOff()
+{
+    termios silent = g_settingsWithEcho;
+    silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    g_echoIsOff = true;
+    return znlib::Uninterrupted([&] { return tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent); }) == 0;
+}
+
+void TurnEchoOn()
 {
     if (!g_echoIsOff.exchange(false))
         return;
-    tcsetattr(STDIN_FILENO, TCSANOW, &g_settingsWithEcho);
-    Write("\n"); // the user's own was not shown
+    tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_settingsWithEcho); // the rest of a secret is no command
+    WriteToStandardError("\n");                              // the user's own was not shown
 }
 
 // The signal has its default action again: raised once more, it ends the program when this returns.
 extern "C" void EndBySignal(int signal)
 {
     EraseStatusLine();
-    RestoreEcho();
+    TurnEchoOn();
     static_cast<void>(std::raise(signal));
 }
 
-// A secret is not asked for where it would be shown.
-void RequireSuccess(int result)
+extern "C" void StopBySignal(int signal)
 {
-    if (result != 0)
-        throw std::system_error(errno, std::generic_category(),
-                                "cannot keep the terminal from showing a secret");
+    const int error = errno;
+    if (IsInForeground())
+        TurnEchoOn();
+    struct sigaction ours
+    {
+    };
+    struct sigaction stop
+    {
+    };
+    stop.sa_handler = SIG_DFL;
+    sigaction(signal, &stop, &ours);
+    static_cast<void>(std::raise(signal));
+    sigset_t raised;
+    sigemptyset(&raised);
+    sigaddset(&raised, signal);
+    sigprocmask(SIG_UNBLOCK, &raised, nullptr); // the program stops here, and goes on here
+    sigaction(signal, &ours, nullptr);
+    errno = error;
+}
+
+// The shell that had the terminal meanwhile has turned the echo on.
+extern "C" void GoOn(int /*signal*/)
+{
+    const int error = errno;
+    if (g_promptIsOpen && IsInForeground() && TurnEchoOff())
+        WriteToStandardError(g_prompt.data());
+    errno = error;
 }
 
 std::size_t Columns()
 {
-    constexpr std::size_t kUsual = 80;
+    constexpr std::size_t kDefault = 80;
     winsize size{};
     if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0)
-        return kUsual;
-    return size.ws_col;
+        return kDefault;
+    return std::min<std::size_t>(size.ws_col, g_status.size() - 1);
+}
+
+void SetClock(time_t seconds)
+{
+    const itimerval interval{{seconds, 0}, {seconds, 0}};
+    setitimer(ITIMER_REAL, &interval, nullptr);
+}
+
+// Runs once a second while there is a status. No function here but what a signal handler may call.
+extern "C" void ShowSeconds(int /*signal*/)
+{
+    if (!g_hasStatus)
+        return;
+    const int error = errno;
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    Line digits{};
+    char* digit = digits.end() - 1;
+    auto seconds = static_cast<unsigned long>(now.tv_sec - g_statusStart.tv_sec);
+    do
+        *--digit = static_cast<char>('0' + seconds % 10);
+    while ((seconds /= 10) != 0);
+    for (const std::string_view part :
+         {std::string_view("\r"), std::string_view(g_status.data()), std::string_view(" ("),
+          std::string_view(digit), std::string_view(" s)\033[K")})
+        WriteToStandardError(part);
+    g_statusIsShown = true;
+    errno = error;
+}
+
+// `text` where it can be shown, as much of it as leaves room for the seconds.
+void SetStatus(const std::string& text)
+{
+    constexpr std::size_t kSecondsWidth = sizeof " (86400 s)";
+    std::string line = znhost::Printable(text);
+    const std::size_t columns = Columns();
+    std::size_t length = std::min(line.size(), columns > kSecondsWidth ? columns - kSecondsWidth : 0);
+    while (length < line.size() && length > 0 &&
+           (static_cast<unsigned char>(line[length]) & 0xc0U) == 0x80)
+        --length; // not within a character
+    line.copy(g_status.data(), length);
+    g_status.at(length) = '\0';
+    clock_gettime(CLOCK_MONOTONIC, &g_statusStart);
+    HandleIfDefault(SIGALRM, ShowSeconds, static_cast<int>(SA_RESTART));
+    g_hasStatus = true;
+    SetClock(1);
 }
 
 } // namespace
 
 void RestoreTerminalOnSignals()
 {
-    struct sigaction ours
+    for (int signal = 1; signal <= SIGRTMAX; ++signal)
     {
-    };
-    ours.sa_handler = EndBySignal;
-    ours.sa_flags = static_cast<int>(SA_RESETHAND);
-    // SIGTTOU among them: the terminal is put in order from the background too.
-    sigfillset(&ours.sa_mask);
-    for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM})
-    {
-        struct sigaction before
-        {
-        };
-        if (sigaction(signal, nullptr, &before) == 0 && before.sa_handler != SIG_IGN)
-            sigaction(signal, &ours, nullptr);
+        // Those that end nothing, the clock's, and that of a reader who went away.
+        constexpr int kOthers[] = {SIGCHLD, SIGCONT, SIGURG,  SIGWINCH, SIGTSTP,
+                                   SIGTTIN, SIGTTOU, SIGALRM, SIGPIPE};
+        if (std::find(std::begin(kOthers), std::end(kOthers), signal) == std::end(kOthers))
+            HandleIfDefault(signal, EndBySignal, static_cast<int>(SA_RESETHAND));
     }
 }
 
-EchoOff::EchoOff()
+HiddenPrompt::HiddenPrompt(const std::string& prompt)
 {
-    RequireSuccess(tcgetattr(STDIN_FILENO, &g_settingsWithEcho));
-    termios silent = g_settingsWithEcho;
-    silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-    g_echoIsOff = true;
-    RequireSuccess(tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent));
+    const std::string line = znhost::Printable(prompt).substr(0, g_prompt.size() - 1);
+    line.copy(g_prompt.data(), line.size());
+    for (const int signal : {SIGTSTP, SIGTTIN, SIGTTOU})
+        HandleIfDefault(signal, StopBySignal, 0);
+    HandleIfDefault(SIGCONT, GoOn, 0);
+    // A secret is not asked for where it would be shown.
+    const bool isTerminal = tcgetattr(STDIN_FILENO, &g_settingsWithEcho) == 0;
+    g_promptIsOpen = isTerminal; // first: a stop may come at any moment from here on
+    if (!isTerminal || !TurnEchoOff())
+        throw std::system_error(errno, std::generic_category(),
+                                "cannot keep the terminal from showing a secret");
+    WriteToStandardError(g_prompt.data());
 }
 
-EchoOff::~EchoOff()
+HiddenPrompt::~HiddenPrompt()
 {
-    RestoreEcho();
+    g_promptIsOpen = false;
+    TurnEchoOn();
 }
 
 void ShowStatusLine(const std::string& text)
 {
+    EraseStatusLine();
     if (isatty(STDERR_FILENO) == 0)
         return;
-    EraseStatusLine();
+    SetStatus(text);
     g_statusIsShown = true;
-    Write(text.substr(0, Columns() - 1));
+    WriteToStandardError(g_status.data());
+}
+
+SlowWork::SlowWork(const std::string& text)
+{
+    EraseStatusLine();
+    if (isatty(STDERR_FILENO) != 0)
+        SetStatus(text);
 }
 
 void EraseStatusLine()
 {
+    if (g_hasStatus.exchange(false))
+        SetClock(0);
     if (g_statusIsShown.exchange(false))
-        Write("\r\033[K");
+        WriteToStandardError("\r\033[K");
+}
+
+void WriteToStandardError(std::string_view text)
+{
+    static_cast<void>(!write(STDERR_FILENO, text.data(), text.size()));
 }

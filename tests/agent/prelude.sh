@@ -20,10 +20,10 @@ terminal() {
     SHELL=/bin/sh script -qefc "$1" screen >/dev/null
 }
 
-# keys WORDS KEYS: the keys that a person presses on seeing WORDS in the terminal.
+# keys WORDS KEYS [TIMES]: the keys that a person presses on seeing WORDS in the terminal, TIMES over.
 keys() {
     for _ in $(seq 1000); do
-        ! grep -qs "$1" screen || break
+        [ "$(grep -s "$1" screen | wc -l)" -lt "${3:-1}" ] || break
         sleep 0.02
     done
     printf '%b' "$2"

@@ -1,0 +1,116 @@
+#include "agent/Questions.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <set>
+#include <tuple>
+
+namespace
+{
+
+bool Works(const Session& session, const Disk& disk)
+{
+    return IsLoggedIn(session) && disk.state == "running";
+}
+
+// Whether a path of `map` works that is no disk of a session `ending`.
+bool KeepsAPath(const Machine& machine, const std::string& map, const std::vector<Session>& ending)
+{
+    std::map<std::string, bool> paths = machine.maps.at(map);
+    for (const Session& session : machine.sessions)
+        for (const Disk& disk : session.disks)
+            if (const auto path = paths.find(disk.device); path != paths.end() && !IsLoggedIn(session))
+                path->second = false;
+    for (const Session& session : ending)
+        for (const Disk& disk : session.disks)
+            paths.erase(disk.device);
+    return std::any_of(paths.begin(), paths.end(), [](const auto& path) { return path.second; });
+}
+
+} // namespace
+
+bool IsLoggedIn(const Session& session)
+{
+    return session.state == "LOGGED_IN";
+}
+
+std::vector<Session> SelectSessions(const std::vector<Session>& sessions, const std::string& iqn,
+                                    const PortalMatcher* portal)
+{
+    std::vector<Session> selected;
+    for (const Session& session : sessions)
+    {
+        if (session.iqn == iqn &&
+            (portal == nullptr || (session.portal && portal->Matches(*session.portal))))
+            selected.push_back(session);
+    }
+    return selected;
+}
+
+std::vector<std::string> FindLosses(const Machine& machine, const std::vector<Session>& ending)
+{
+    std::vector<std::string> losses;
+    for (const Session& session : ending)
+        for (const Disk& disk : session.disks)
+        {
+            if (!disk.map.empty() && KeepsAPath(machine, disk.map, ending))
+                continue;
+            for (const std::string& user : disk.users)
+                losses.push_back(disk.device + ": " + user);
+        }
+    return losses;
+}
+
+std::vector<Path> FindPaths(const std::vector<Session>& sessions,
+                            const std::vector<std::string>& devices)
+{
+    std::vector<Path> paths;
+    for (const Session& session : sessions)
+        for (const Disk& disk : session.disks)
+            if (std::find(devices.begin(), devices.end(), disk.device) != devices.end())
+                paths.push_back({disk, session});
+    std::stable_partition(paths.begin(), paths.end(),
+                          [](const Path& path) { return Works(path.session, path.disk); });
+    return paths;
+}
+
+std::string DescribeState(const Session& session, const Disk* disk)
+{
+    const bool isRunning = disk == nullptr || disk->state == "running";
+    return isRunning ? session.state : session.state + '/' + disk->state;
+}
+
+std::string DescribeSize(unsigned long long bytes)
+{
+    constexpr std::array<char, 7> kUnits{'B', 'K', 'M', 'G', 'T', 'P', 'E'};
+    std::size_t unit = 0;
+    auto size = static_cast<double>(bytes);
+    for (; size >= 1023.95; size /= 1024) // what would be rounded to 1024.0 is the next unit's
+        ++unit;
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "%.1f", size);
+    std::string number = text.data();
+    if (const std::size_t zero = number.find(".0"); zero != std::string::npos)
+        number.erase(zero);
+    return number + kUnits.at(unit);
+}
+
+std::string FormatTable(const std::vector<std::vector<std::string>>& rows)
+{
+    std::vector<std::size_t> widths;
+    for (const std::vector<std::string>& row : rows)
+    {
+        widths.resize(row.size());
+        for (std::size_t column = 0; column < row.size(); ++column)
+            widths[column] = std::max(widths[column], row[column].size());
+    }
+    std::string table;
+    for (const std::vector<std::string>& row : rows)
+    {
+        for (std::size_t column = 0; column + 1 < row.size(); ++column)
+            table.append(row[column]).append(widths[column] + 2 - row[column].size(), ' ');
+        table.append(row.back()).append("\n");
+    }
+    return table;
+}
