@@ -1,0 +1,286 @@
+// The agent's look at sysfs and /proc, on recorded machines (machines.txt), and its pure functions.
+#include "agent/Arguments.h"
+#include "agent/Initiator.h"
+#include "agent/Questions.h"
+#include "agent/Reasons.h"
+#include "standalone/znlib/Text.h"
+
+#include <gmock/gmock.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace
+{
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+
+std::vector<std::string> ReadLines(const fs::path& file)
+{
+    std::ifstream stream(file);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+std::string OrDash(const std::string& text)
+{
+    return text.empty() ? "-" : text;
+}
+
+std::string Join(const std::vector<std::string>& parts, const char* separator)
+{
+    std::string text;
+    for (const std::string& part : parts)
+        text += (text.empty() ? "" : separator) + part;
+    return OrDash(text);
+}
+
+// A machine unpacked into a folder.
+class Tree
+{
+public:
+    Tree()
+    {
+        for (const std::string& line : ReadLines(HERE "/recorded/two-portals.tree"))
+            Change(line);
+    }
+    Tree(const Tree&) = delete;
+    Tree& operator=(const Tree&) = delete;
+    ~Tree() { fs::remove_all(m_root); }
+
+    const fs::path& Root() const { return m_root; }
+
+    void Change(const std::string& line)
+    {
+        if (line.rfind("gone ", 0) == 0)
+            fs::remove_all(m_root / line.substr(5));
+        else if (line.back() == '/')
+            fs::create_directories(m_root / line);
+        else if (const std::size_t arrow = line.find(" -> "); arrow != std::string::npos)
+        {
+            fs::create_directories((m_root / line.substr(0, arrow)).parent_path());
+            fs::create_symlink(line.substr(arrow + 4), m_root / line.substr(0, arrow));
+        }
+        else
+        {
+            const std::size_t colon = line.find(": ");
+            const fs::path file = m_root / line.substr(0, colon);
+            fs::create_directories(file.parent_path());
+            std::ofstream(file) << Unescaped(line.substr(colon + 2)) << '\n';
+        }
+    }
+
+private:
+    static std::string Unescaped(std::string text)
+    {
+        for (const auto& [escape, character] : {std::pair("\\n", "\n"), std::pair("\\134", "\\")})
+            for (std::size_t at = 0; (at = text.find(escape, at)) != std::string::npos; ++at)
+                text.replace(at, std::string(escape).size(), character);
+        return text;
+    }
+
+    fs::path m_root = fs::canonical(testing::TempDir()) / ("machine-" + std::to_string(::getpid()));
+};
+
+std::vector<std::string> Describe(const Machine& machine)
+{
+    std::vector<std::string> rows;
+    for (const Session& session : machine.sessions)
+    {
+        const std::string iqn = session.iqn.substr(session.iqn.rfind(':') + 1);
+        const std::string begin = std::to_string(session.sid) + ' ' + session.state + ' ' +
+                                  (session.portal ? FormatPortal(*session.portal) : "-") + ' ' +
+                                  OrDash(iqn) + ' ';
+        for (const Disk& disk : session.disks)
+            rows.push_back(begin + std::to_string(disk.lun) + ' ' + disk.device + ' ' +
+                           std::to_string(disk.bytes.value_or(0)) + ' ' + disk.state + ' ' +
+                           OrDash(disk.map) + ' ' + znhost::Printable(Join(disk.users, ",")));
+        if (session.disks.empty())
+            rows.push_back(begin + "- - - - - -");
+    }
+    return rows;
+}
+
+// "ending 8 9 => /dev/sdd: /mnt"
+void ExpectLosses(const Machine& machine, const std::string& line)
+{
+    std::istringstream words(line.substr(line.find(' ')));
+    std::vector<Session> ending;
+    for (int sid = 0; words >> sid;)
+        for (const Session& session : machine.sessions)
+            if (session.sid == sid)
+                ending.push_back(session);
+    EXPECT_EQ(znhost::Printable(Join(FindLosses(machine, ending), ";")),
+              line.substr(line.find("=> ") + 3));
+}
+
+TEST(Machine, IsReadAsTheKernelShowsIt)
+{
+    std::vector<std::string> lines = ReadLines(HERE "/machines.txt");
+    lines.emplace_back("== end");
+    std::string title;
+    std::optional<Tree> tree;
+    std::vector<std::string> rows, losses;
+    int machines = -1;
+    for (const std::string& line : lines)
+    {
+        if (line.rfind("== ", 0) == 0)
+        {
+            if (tree)
+            {
+                SCOPED_TRACE(title);
+                const Machine machine = ReadMachine(tree->Root());
+                EXPECT_THAT(Describe(machine), ElementsAreArray(rows));
+                for (const std::string& loss : losses)
+                    ExpectLosses(machine, loss);
+            }
+            title = line;
+            tree.reset();
+            tree.emplace();
+            rows.clear();
+            losses.clear();
+            ++machines;
+        }
+        else if (line.rfind("=> ", 0) == 0)
+            rows.push_back(line.substr(3));
+        else if (line.rfind("ending ", 0) == 0)
+            losses.push_back(line);
+        else if (!line.empty() && line.front() != '#')
+            tree->Change(line);
+    }
+    EXPECT_EQ(machines, 8);
+}
+
+TEST(Machine, SaysWhatItCannotRead)
+{
+    const Tree tree;
+    rlimit usual{};
+    getrlimit(RLIMIT_NOFILE, &usual);
+    const rlimit none{0, usual.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    std::string said;
+    try
+    {
+        ReadMachine(tree.Root());
+    }
+    catch (const std::runtime_error& error)
+    {
+        said = error.what();
+    }
+    setrlimit(RLIMIT_NOFILE, &usual);
+    EXPECT_EQ(said, "cannot read " + (tree.Root() / "sys/class/iscsi_session").string() +
+                        ": Too many open files");
+}
+
+TEST(Portal, IsReadMatchedAndShown)
+{
+    struct Row
+    {
+        const char* text;
+        const char* shown; // null: it is none
+        bool isTheOne;     // 192.0.2.10
+    };
+    for (const Row& row :
+         {Row{"192.0.2.10", "192.0.2.10", true}, Row{"192.0.2.10:3260,1", "192.0.2.10", true},
+          Row{"192.0.2.10:3261", "192.0.2.10:3261", false}, Row{"192.0.2.11", "192.0.2.11", false},
+          Row{"[2001:db8::10]:3260,1", "[2001:db8::10]", false},
+          Row{"2001:db8::10", "[2001:db8::10]", false}, Row{"array-a:1", "array-a:1", false},
+          Row{"192.0.2.10:", nullptr, false}, Row{"192.0.2.10:65536", nullptr, false},
+          Row{"[]:3260", nullptr, false}, Row{"[::1", nullptr, false}, Row{"", nullptr, false}})
+    {
+        const std::optional<Portal> portal = ParsePortal(row.text);
+        EXPECT_EQ(portal ? FormatPortal(*portal) : "none", row.shown == nullptr ? "none" : row.shown);
+        EXPECT_EQ(portal && PortalMatcher("192.0.2.10").Matches(*portal), row.isTheOne) << row.text;
+    }
+    EXPECT_TRUE(PortalMatcher("2001:db8:0::10").Matches({"2001:db8::10", 3260}));
+    EXPECT_EQ(PortalMatcher("2001:db8:0::10").Canonical(),
+              PortalMatcher("[2001:db8::10]:3260").Canonical());
+}
+
+TEST(Questions, HaveAnswersThatPeopleRead)
+{
+    const std::pair<unsigned long long, const char*> sizes[] = {
+        {0, "0B"},           {512, "512B"},        {1023, "1023B"},       {1024, "1K"},
+        {1536, "1.5K"},      {104857600, "100M"},  {1099511627775, "1T"}, {1649267441664, "1.5T"},
+        {1ULL << 63U, "8E"}, {1072693248, "1023M"}};
+    for (const auto& [bytes, shown] : sizes)
+        EXPECT_EQ(DescribeSize(bytes), shown) << bytes;
+    EXPECT_EQ(FormatTable({{"A", "BB"}, {"AAA", "B"}}), "A    BB\nAAA  B\n");
+    EXPECT_EQ(FormatTable({}), "");
+    const std::vector<std::string> words{"logon", "logoff", "ls", "sessions"};
+    const std::pair<const char*, const char*> typed[] = {
+        {"logn", "logon"}, {"log-off", "logoff"}, {"session", "sessions"}, {"l", "ls"}, {"", "ls"}};
+    for (const auto& [word, nearest] : typed)
+        EXPECT_EQ(FindNearest(word, words), nearest) << word;
+}
+
+TEST(NodeRecords, AreReadLineByLine)
+{
+    const std::vector<NodeRecord> records =
+        ParseNodeRecords("192.0.2.10:3260,1 iqn.x:a\nnot-a-record\n[2001:db8::10]:3261,-1 iqn.x:b "
+                         "more\n\n:1,1 iqn.x:c\n");
+    ASSERT_EQ(records.size(), 2U);
+    EXPECT_EQ(FormatPortal(records[0].portal) + ' ' + records[0].iqn, "192.0.2.10 iqn.x:a");
+    EXPECT_EQ(FormatPortal(records[1].portal) + ' ' + records[1].iqn, "[2001:db8::10]:3261 iqn.x:b");
+}
+
+TEST(Reasons, AreEachSaidOnceWithTheNextStep)
+{
+    EXPECT_THAT(
+        ParseReasons({"Failed to run /sbin/iscsiadm -m session -P3: iscsiadm: x\niscsiadm: y\n"
+                      " ... Trying /sbin/iscsiadm -m session -i",
+                      "Error returned by command is: iscsiadm: z.", "/usr/sbin/ehcmcli not found!!",
+                      "Failed to run /sbin/iscsiadm -m session -i: iscsiadm: x\n",
+                      "Unable to parse the input or end of input string. Volume string not found!"}),
+        ElementsAre("Failed to run /sbin/iscsiadm -m session -P3", "iscsiadm: x", "iscsiadm: y",
+                    "Failed to run /sbin/iscsiadm -m session -i"));
+    EXPECT_THAT(
+        ParseReasons({"Failed to run a: iscsiadm: No active sessions.\n", "Failed to run b: refused"}),
+        ElementsAre("Failed to run a", "iscsiadm: No active sessions."));
+
+    Request request;
+    request.portal = "192.0.2.10";
+    request.iqn = "iqn.x:a";
+    const std::tuple<const char*, const char*, const char*> rows[] = {
+        {"iscsiadm: No records found", "no-record", "zniscsi discover 192.0.2.10"},
+        {"iscsiadm: no records found!", "no-record", "zniscsi discover 192.0.2.10"},
+        {"/sbin/iscsiadm not found!!", "tool-missing", "zniscsi doctor"},
+        {"iscsiadm: can not connect to iSCSI daemon (111)!", "tool-failed", "iscsid.socket"},
+        {"(24 - iSCSI login failed due to authorization failure)", "not-authorized", "--chap-user"},
+        {"..., but a session is using it. Logout session", "in-use",
+         "zniscsi logoff 192.0.2.10 iqn.x:a"},
+        {"cannot make connection to 192.0.2.10: Connection refused", "unreachable", "192.0.2.10"},
+        {"(4 - encountered connection failure)", "unreachable", "192.0.2.10"},
+        {"cannot make connection to 192.0.2.10: No route to host", "unreachable", "192.0.2.10"},
+        {"iscsiadm: Cannot resolve host array. getaddrinfo error", "unreachable", "name"},
+        {"(8 - connection timed out)", "timed-out", "192.0.2.10"},
+        {"iscsiadm: Maybe you are not root?", "tool-failed", "root"},
+        {"iscsiadm: No active sessions.", "no-session", "zniscsi logon PORTAL iqn.x:a"}};
+    for (const auto& [reason, cause, step] : rows)
+    {
+        request.portal = std::string(cause) == "no-session" ? "" : "192.0.2.10";
+        const Failure failure = Explain({"cannot", reason}, request, Cause::ToolFailed);
+        EXPECT_STREQ(NameOf(*failure.answer->cause), cause) << reason;
+        EXPECT_THAT(failure.answer->reasons.back(), testing::HasSubstr(step));
+        EXPECT_EQ(failure.answer->reasons.size(), 3U);
+    }
+    const Failure unexplained = Explain({"cannot", "iscsiadm: broken"}, request, Cause::NoDevice);
+    EXPECT_STREQ(NameOf(*unexplained.answer->cause), "no-device");
+    EXPECT_THAT(unexplained.answer->reasons, ElementsAre("cannot", "iscsiadm: broken"));
+    // A refused discovery ends with a time-out.
+    EXPECT_EQ(Explain({"Connection refused", "iSCSI PDU timed out"}, request, Cause::ToolFailed)
+                  .answer->cause,
+              Cause::Unreachable);
+}
+
+} // namespace
