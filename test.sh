@@ -4,6 +4,7 @@
 #   ./test.sh                the tests
 #   ./test.sh --sanitizers   and once more under the address, undefined and thread sanitizers
 #   ./test.sh --real         and then the real initiator against a real target, in a virtual machine
+#   ./test.sh --lint         and then shellcheck over all scripts, clang-tidy over what is shipped
 #
 # Ends in a line "N passed, N failed", with ", N skipped" and the reasons above it where something cannot
 # run on this machine. Exit status 0 only if nothing failed.
@@ -13,6 +14,7 @@ cd "$(dirname "$(realpath "$0")")"
 packages=(build tests)
 presets=(release)
 real=no
+lint=no
 for option in "$@"; do
     case $option in
     --sanitizers)
@@ -20,8 +22,9 @@ for option in "$@"; do
         presets+=(asan tsan)
         ;;
     --real) real=yes ;;
+    --lint) lint=yes ;;
     *)
-        sed -n '2,9s/^# \{0,1\}//p' "$0" >&2
+        sed -n '2,10s/^# \{0,1\}//p' "$0" >&2
         exit 2
         ;;
     esac
@@ -64,14 +67,42 @@ run_tests() { # PRESET
     skipped=$((skipped + not_run))
 }
 
-run_real_machine() {
+# Runs a check that is no test of CTest's, and counts it.
+check() { # COMMAND..., whose exit status 77 says that this machine cannot do it
     local status=0
-    tests/real/run </dev/null || status=$?
+    "$@" </dev/null || status=$?
     case $status in
     0) passed=$((passed + 1)) ;;
     77) skipped=$((skipped + 1)) ;;
     *) failed=$((failed + 1)) ;;
     esac
+}
+
+is_there() { # TOOL
+    command -v "$1" >/dev/null || {
+        echo "skipped: there is no $1 here"
+        return 77
+    }
+}
+
+lint_scripts() {
+    local scripts
+    is_there shellcheck || return
+    echo "checking all scripts (shellcheck)"
+    mapfile -t scripts < <(find . \( -path ./build -o -path ./.cache -o -path ./.git \) -prune -o -type f \
+        -exec grep -lE '^(#!.*sh$|# shellcheck shell=)' {} +)
+    shellcheck -x "${scripts[@]}"
+}
+
+# The preset has CMake run clang-tidy with the compiler: a file that was clean and has not changed is not looked
+# at again, unless the list of checks is new.
+lint_sources() {
+    is_there clang-tidy || return
+    [ build/tidy/CMakeCache.txt -nt .clang-tidy ] || rm -rf build/tidy
+    configure tidy || return
+    build tidy -k 0 2>"$log_folder/lint" && return
+    grep -E ': (warning|error): ' "$log_folder/build-tidy.log" | sort -u || cat "$log_folder/lint"
+    return 1
 }
 
 install_missing "${packages[@]}"
@@ -80,7 +111,12 @@ for preset in "${presets[@]}"; do
     build "$preset"
     run_tests "$preset"
 done
-[ "$real" = no ] || run_real_machine
+[ "$real" = no ] || check tests/real/run
+if [ "$lint" = yes ]; then
+    install_missing lint || true
+    check lint_scripts
+    check lint_sources
+fi
 
 summary="$passed passed, $failed failed"
 [ "$skipped" -eq 0 ] || summary="$summary, $skipped skipped"

@@ -33,6 +33,7 @@ debian_packages() { # GROUP
     case $1 in
     build) echo g++ cmake ninja-build libboost-dev libcli11-dev nlohmann-json3-dev ;;
     tests) echo libgtest-dev libgmock-dev ;;
+    lint) echo shellcheck clang-tidy ;;
     esac
 }
 
@@ -41,6 +42,7 @@ redhat_packages() { # GROUP
     build) echo gcc-c++ cmake ninja-build boost-devel cli11-devel json-devel ;;
     tests) echo gtest-devel gmock-devel ;;
     sanitizers) echo libasan libubsan libtsan ;;
+    lint) echo ShellCheck clang-tools-extra ;;
     esac
 }
 
@@ -70,7 +72,7 @@ as_root() {
     if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo -n "$@"; fi
 }
 
-# Installs those packages of the groups build, tests and sanitizers that this machine lacks; without the
+# Installs those packages of the groups build, tests, sanitizers and lint that this machine lacks; without the
 # rights it names them and fails.
 install_missing() { # GROUP...
     local family group package missing=()
@@ -102,10 +104,11 @@ configure() { # CONFIGURE-PRESET OPTION...
 }
 
 # Says how long it is going to take, from the steps that Ninja has to do and what one took elsewhere.
-build() { # BUILD-PRESET
+build() { # BUILD-PRESET OPTION-OF-NINJA...
     local steps seconds_per_step=3
     steps=$(cmake --build --preset "$1" -- -n | sed -n '$s/^\[[0-9]*\/\([0-9]*\)\].*/\1/p')
     [ -n "$steps" ] || return 0
+    [ "$1" != tidy ] || seconds_per_step=10
     echo "building ($1): $steps steps, about $((steps * seconds_per_step / $(nproc) / 10 + 1))0 s"
-    quietly "build-$1" cmake --build --preset "$1"
+    quietly "build-$1" cmake --build --preset "$1" -- "${@:2}"
 }
