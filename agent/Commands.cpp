@@ -489,7 +489,7 @@ Answer Forget(const Request& request)
     const LibraryCall call(request);
     const RecordLock lock = LockRecord(node.portal, request);
     const std::string sentence = "cannot delete the node record of " + node.name;
-    const Answer already{"already forgotten\n", {{"already", true}}};
+    Answer already{"already forgotten\n", {{"already", true}}};
     if (!HasRecord(RequireRecords(call, sentence), node))
         return already;
     if (call.initiator.Concrete().DeleteiSCSIIQNFromiSCSIAdmDb(request.portal.c_str(),

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <set>
 #include <tuple>
 
@@ -83,17 +82,18 @@ std::string DescribeState(const Session& session, const Disk* disk)
 
 std::string DescribeSize(unsigned long long bytes)
 {
-    constexpr std::array<char, 7> kUnits{'B', 'K', 'M', 'G', 'T', 'P', 'E'};
+    constexpr std::array<char, 6> kUnits{'K', 'M', 'G', 'T', 'P', 'E'};
+    constexpr unsigned long long kStep = 1024;
+    constexpr unsigned long long kRoundedUp =
+        1048525; // from 1023.95 on it is 1024.0, the next unit's 1
+    if (bytes < kStep)
+        return std::to_string(bytes) + 'B';
     std::size_t unit = 0;
-    auto size = static_cast<double>(bytes);
-    for (; size >= 1023.95; size /= 1024) // what would be rounded to 1024.0 is the next unit's
+    for (; bytes >= kRoundedUp; bytes /= kStep) // in the unit below the one that is shown
         ++unit;
-    std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "%.1f", size);
-    std::string number = text.data();
-    if (const std::size_t zero = number.find(".0"); zero != std::string::npos)
-        number.erase(zero);
-    return number + kUnits.at(unit);
+    const unsigned long long tenths = (bytes * 10 + kStep / 2) / kStep;
+    const std::string fraction = tenths % 10 == 0 ? "" : '.' + std::to_string(tenths % 10);
+    return std::to_string(tenths / 10) + fraction + kUnits.at(unit);
 }
 
 std::string FormatTable(const std::vector<std::vector<std::string>>& rows)

@@ -60,7 +60,7 @@ try
         PrintError(reason);
     if (line.command != nullptr && line.command != Examine)
         PrintWarnings();
-    std::signal(SIGPIPE, sigpipeAction);
+    static_cast<void>(std::signal(SIGPIPE, sigpipeAction));
     (line.json ? PrintJson : PrintText)(answer);
     return answer.cause ? ExitStatusOf(*answer.cause) : 0;
 }

@@ -32,7 +32,7 @@ public:
         __attribute__((format(printf, 5, 6)));
 
 private:
-    EvDebugFileInstance* m_instance;
+    [[maybe_unused]] EvDebugFileInstance* m_instance;
 };
 
 // The log object of one call of a function.

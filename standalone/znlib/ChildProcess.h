@@ -55,7 +55,7 @@ public:
     Descriptor& ErrorOutput() { return m_errorOutput; }
 
 private:
-    int Wait(siginfo_t& end, int options) const;
+    int Wait(siginfo_t& answer, int options) const;
 
     Descriptor m_output;
     Descriptor m_errorOutput;

@@ -55,12 +55,13 @@ void FormatSecond(SecondText& text, std::time_t second)
     const auto date =
         boost::gregorian::gregorian_calendar::from_day_number(static_cast<std::uint32_t>(local / kDay));
     const long inDay = local % kDay;
-    std::snprintf(text.date.data(), text.date.size(), "%04d-%02d-%02d %02ld:%02ld:%02ld.",
-                  static_cast<int>(date.year), static_cast<int>(date.month), static_cast<int>(date.day),
-                  inDay / 3600, inDay / 60 % 60, inDay % 60);
+    static_cast<void>(std::snprintf(text.date.data(), text.date.size(),
+                                    "%04d-%02d-%02d %02ld:%02ld:%02ld.", static_cast<int>(date.year),
+                                    static_cast<int>(date.month), static_cast<int>(date.day),
+                                    inDay / 3600, inDay / 60 % 60, inDay % 60));
     const long minutes = std::labs(offset) / 60;
-    std::snprintf(text.zone.data(), text.zone.size(), " %c%02ld%02ld", offset < 0 ? '-' : '+',
-                  minutes / 60, minutes % 60);
+    static_cast<void>(std::snprintf(text.zone.data(), text.zone.size(), " %c%02ld%02ld",
+                                    offset < 0 ? '-' : '+', minutes / 60, minutes % 60));
     text.second = second;
 }
 

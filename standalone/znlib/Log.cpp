@@ -44,9 +44,9 @@ std::atomic<pid_t> g_settingsReader{0}; // the process that reads them, then kRe
 // Of the last line that was lost.
 std::atomic<int> g_writeError{0};
 
-void SetFault(const std::string& sentence)
+void SetFault(std::string_view sentence)
 {
-    std::snprintf(g_fault.data(), g_fault.size(), "%s", sentence.c_str());
+    g_fault.at(sentence.copy(g_fault.data(), g_fault.size() - 1)) = '\0';
 }
 
 // A setting's text: from the environment, else from the registry, else empty.
@@ -94,9 +94,9 @@ try
     SetNumber(g_settings.maxSizeBytes, ReadSetting("ZN_LOG_MAX_SIZE", "MaxSize"), "size limit", 0ULL,
               kMebibyte << 20U);
 }
-catch (const std::exception& error)
+catch (const std::exception&)
 {
-    std::snprintf(g_fault.data(), g_fault.size(), "cannot read the log's settings: %s", error.what());
+    SetFault("cannot read the log's settings: out of memory");
 }
 
 bool FileShows(int level)

@@ -23,6 +23,12 @@ bool IsPlain(char c)
     return Byte(c) >= 0x20 && Byte(c) < 0x7f && c != '\\';
 }
 
+// How many plain characters are at the beginning of `text`.
+std::size_t CountPlain(std::string_view text)
+{
+    return static_cast<std::size_t>(std::find_if_not(text.begin(), text.end(), IsPlain) - text.begin());
+}
+
 // The character at the beginning of `text`. Nothing when it is not well-formed: cut short, longer than
 // it needs to be, a surrogate, or above U+10FFFF.
 std::optional<Character> Decode(std::string_view text)
@@ -96,8 +102,7 @@ void znhost::AppendPrintable(std::string& line, std::string_view text)
 {
     while (!text.empty())
     {
-        const auto plainEnd = std::find_if_not(text.begin(), text.end(), IsPlain);
-        const auto plain = static_cast<std::size_t>(plainEnd - text.begin());
+        const std::size_t plain = CountPlain(text);
         line.append(text, 0, plain);
         text.remove_prefix(plain);
         if (text.empty())
