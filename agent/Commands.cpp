@@ -554,7 +554,7 @@ Answer FindDisk(const Request& request)
     LibraryCall call(request);
     const std::string attempts = std::to_string(ReadAttemptLimit(call.initiator));
     int attempt = 0;
-    call.watch.OnProgress([&](const std::string& line) {
+    call.watch.OnRun([&](const std::string& line) {
         if (line == words::kEhcmcliRun)
             ShowStatusLine("attempt " + std::to_string(++attempt) + " of " + attempts +
                            ": multipath device of " + request.iqn);

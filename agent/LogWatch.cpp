@@ -1,5 +1,6 @@
 #include "agent/LogWatch.h"
 
+#include "agent/Reasons.h"
 #include "agent/Terminal.h"
 #include "standalone/znlib/Text.h"
 
@@ -18,19 +19,31 @@ bool IsParser(std::string_view tag)
 
 LogWatch::LogWatch(int verbosity)
     : m_verbosity(verbosity),
-      m_tap(verbosity < 2 ? 0 : 2, [this](const znhost::LogEntry& entry) { Hear(entry); })
+      m_tap(
+          [this](int level, const char* tag, const char* format) { return Wants(level, tag, format); },
+          [this](const znhost::LogEntry& entry) { Hear(entry); })
 {
+}
+
+bool LogWatch::Shows(int level, const char* tag) const
+{
+    return m_verbosity > 1 || (m_verbosity == 1 && level <= 0 && !IsParser(tag));
+}
+
+bool LogWatch::Wants(int level, const char* tag, const char* format) const
+{
+    return level < 0 || Shows(level, tag) || (m_runs && format == words::kRun);
 }
 
 void LogWatch::Hear(const znhost::LogEntry& entry)
 {
-    if (m_verbosity > 1 || (m_verbosity == 1 && !IsParser(entry.tag)))
+    if (Shows(entry.level, entry.tag))
     {
         EraseStatusLine();
         WriteToStandardError(entry.tag + (": " + znhost::Printable(entry.text)) + '\n');
     }
     if (entry.level < 0)
         m_errors.push_back(entry.text);
-    else if (entry.level == 0)
-        m_progress(entry.text);
+    else if (m_runs)
+        m_runs(entry.text);
 }

@@ -16,21 +16,20 @@ public:
     // steps and the tools' reports too.
     explicit LogWatch(int verbosity);
 
-    // From now on `listener` is called with the text of every line of progress.
-    void OnProgress(std::function<void(const std::string&)> listener)
-    {
-        m_progress = std::move(listener);
-    }
+    // From now on `listener` is called with the text of every line that says what is run.
+    void OnRun(std::function<void(const std::string&)> listener) { m_runs = std::move(listener); }
 
     // What was written since the start, or since the last Forget.
     const std::vector<std::string>& Errors() const { return m_errors; }
     void Forget() { m_errors.clear(); }
 
 private:
+    bool Shows(int level, const char* tag) const;
+    bool Wants(int level, const char* tag, const char* format) const;
     void Hear(const znhost::LogEntry& entry);
 
     int m_verbosity;
-    std::function<void(const std::string&)> m_progress = [](const std::string&) {};
+    std::function<void(const std::string&)> m_runs;
     std::vector<std::string> m_errors;
     znhost::LogTap m_tap;
 };

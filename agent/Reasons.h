@@ -6,12 +6,14 @@
 #include "agent/Output.h"
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace words
 {
 constexpr const char* kIscsiadmMissing = "/sbin/iscsiadm not found!!";
 constexpr const char* kEhcmcliMissing = "/usr/sbin/ehcmcli not found!!";
+constexpr std::string_view kRun = "Running [%s]"; // the format of the lines that say what is run
 constexpr const char* kEhcmcliRun = "Running [/usr/sbin/ehcmcli status]";
 constexpr const char* kPortalsDiffer = "The Target Portals for all children should match.";
 constexpr const char* kNoSession = "No active sessions";

@@ -1,6 +1,7 @@
 #include "standalone/hxutils/Pauses.h"
 
 #include "host/HxSleep.h"
+#include "standalone/znlib/Log.h"
 
 #include <algorithm>
 #include <atomic>
@@ -40,6 +41,7 @@ void znhost::LimitPauses(std::chrono::milliseconds longest)
 
 void HXSLEEP_InTeRnAl(unsigned long milliseconds, const char* /*file*/, int /*line*/)
 {
+    znhost::FlushLog(); // whoever watches the log sees what came before the pause
     // An absolute deadline, so that a signal costs no time and adds none.
     const timespec deadline = MonotonicDeadline(std::min(milliseconds, g_longestPause.load()));
     while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR)

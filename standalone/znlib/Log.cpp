@@ -6,6 +6,7 @@
 #include "standalone/znlib/Registry.h"
 #include "standalone/znlib/Text.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -15,13 +16,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string_view>
+#include <utility>
 
 #include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 // Nothing here takes a lock: a child forked while another thread held it would wait for it for ever.
-// Nothing here has a destructor: lines are written while the process ends, too.
+// Nothing here has a destructor: lines are written while the process ends, too, and a thread-local
+// object that has to be destroyed would keep the library from being unloaded.
 namespace
 {
 
@@ -31,8 +35,17 @@ using znhost::LogTap;
 
 constexpr int kNoLevel = 0; // what a line without a level counts as
 
-// The innermost tap of this thread.
-thread_local const LogTap* t_tap = nullptr;
+// A thread's part of the log. Lines are kept while a call lasts, so that the thousands of a parser take
+// one write, not one each.
+struct ThreadLog
+{
+    const LogTap* tap = nullptr; // the innermost
+    int openObjects = 0;
+    std::string* lines = nullptr; // not in the file yet; there while an object is open
+    pid_t process = 0;            // whose lines they are: a forked child has a copy of its parent's
+    pid_t thread = 0;
+};
+thread_local ThreadLog t_log;
 
 std::array<char, PATH_MAX> g_file{"/var/log/zniscsi.log"};
 std::array<char, 512> g_fault{};
@@ -104,9 +117,14 @@ bool FileShows(int level)
     return level <= znhost::CurrentLogSettings().level;
 }
 
-bool TapHears(int level)
+bool TapWants(int level, const char* tag, const char* format)
 {
-    return t_tap != nullptr && level <= t_tap->Level();
+    return t_log.tap != nullptr && t_log.tap->wants()(level, tag, format);
+}
+
+bool IsWanted(int level, const char* tag, const char* format)
+{
+    return FileShows(level) || TapWants(level, tag, format);
 }
 
 std::string Format(const char* format, va_list arguments)
@@ -120,20 +138,62 @@ std::string Format(const char* format, va_list arguments)
 
 // 2026-11-22 21:10:05.123 +0000 [812:815] -1 job=42 ZnISCSILinux::LogOnToiSCSITarget: Invalid
 // parameters.
-std::string Line(const LogEntry& entry)
+void AppendLine(std::string& lines, const LogEntry& entry)
 {
-    std::string line;
-    znlib::AppendLocalTime(line);
-    line += " [" + std::to_string(getpid()) + ':' + std::to_string(syscall(SYS_gettid)) + "] ";
-    line += std::to_string(entry.level);
+    znlib::AppendLocalTime(lines);
+    lines.append(" [").append(std::to_string(t_log.process));
+    lines.append(":").append(std::to_string(t_log.thread)).append("] ");
+    lines.append(std::to_string(entry.level));
     if (entry.jobId)
-        line += " job=" + std::to_string(*entry.jobId);
-    line += ' ';
-    znhost::AppendPrintable(line, entry.tag);
-    line += ": ";
-    znhost::AppendPrintable(line, entry.text);
-    line += '\n';
-    return line;
+        lines.append(" job=").append(std::to_string(*entry.jobId));
+    lines += ' ';
+    znhost::AppendPrintable(lines, entry.tag);
+    lines += ": ";
+    znhost::AppendPrintable(lines, entry.text);
+    lines += '\n';
+}
+
+void HandOver(std::string_view lines)
+{
+    const LogSettings& settings = znhost::CurrentLogSettings();
+    const int error = znlib::AppendLines(settings.file, lines, settings.maxSizeBytes);
+    if (error != 0)
+        g_writeError = error;
+}
+
+// The lines kept by this thread; none of its parent's in a forked child, since the parent writes those.
+std::string& KeptLines()
+{
+    if (t_log.lines == nullptr)
+        t_log.lines = new std::string;
+    if (const pid_t process = getpid(); t_log.process != process)
+    {
+        t_log.process = process;
+        t_log.thread = static_cast<pid_t>(syscall(SYS_gettid));
+        t_log.lines->clear();
+    }
+    return *t_log.lines;
+}
+
+void Keep(const LogEntry& entry)
+{
+    const LogSettings& settings = znhost::CurrentLogSettings();
+    // What is handed over at once never makes the file longer than it may be.
+    constexpr unsigned long long kMaxKeptBytes = 65536;
+    const unsigned long long limit =
+        settings.maxSizeBytes == 0 ? kMaxKeptBytes : std::min(kMaxKeptBytes, settings.maxSizeBytes);
+
+    std::string& lines = KeptLines();
+    const std::size_t before = lines.size();
+    AppendLine(lines, entry);
+    if (before != 0 && lines.size() > limit)
+    {
+        HandOver(std::string_view(lines).substr(0, before));
+        lines.erase(0, before);
+    }
+    const bool isAwaited = entry.level < 0 || settings.file == std::string_view("-");
+    if (isAwaited || lines.size() > limit)
+        znhost::FlushLog();
 }
 
 void Write(int level, std::optional<unsigned long long> jobId, const char* tag, const char* format,
@@ -141,29 +201,35 @@ void Write(int level, std::optional<unsigned long long> jobId, const char* tag, 
 {
     const int callersError = errno;
     const LogEntry entry{level, jobId, tag, Format(format, arguments)};
-    if (TapHears(level))
-        t_tap->Hear(entry);
+    if (TapWants(level, tag, format))
+        t_log.tap->listener()(entry);
     if (FileShows(level))
-    {
-        const LogSettings& settings = znhost::CurrentLogSettings();
-        const int error = znlib::AppendLines(settings.file, Line(entry), settings.maxSizeBytes);
-        if (error != 0)
-            g_writeError = error;
-    }
+        Keep(entry);
     errno = callersError;
 }
 
 } // namespace
 
-LogTap::LogTap(int level, std::function<void(const LogEntry&)> listener)
-    : m_level(level), m_listener(std::move(listener)), m_outer(t_tap)
+LogTap::LogTap(Wants wants, Listener listener)
+    : m_wants(std::move(wants)), m_listener(std::move(listener)), m_outer(t_log.tap)
 {
-    t_tap = this;
+    t_log.tap = this;
 }
 
 LogTap::~LogTap()
 {
-    t_tap = m_outer;
+    t_log.tap = m_outer;
+}
+
+void znhost::FlushLog()
+{
+    if (t_log.lines == nullptr || t_log.lines->empty())
+        return;
+    if (std::string& lines = KeptLines(); !lines.empty())
+    {
+        HandOver(lines);
+        lines.clear();
+    }
 }
 
 const LogSettings& znhost::CurrentLogSettings()
@@ -193,14 +259,27 @@ std::string znhost::LogTrouble()
 }
 
 // The stand-alone host has no log files but the usual one.
-EvDebug::EvDebug(EvDebugFileInstance* instance) : m_instance(instance) {}
-EvDebug::~EvDebug() = default;
+EvDebug::EvDebug(EvDebugFileInstance* instance) : m_instance(instance)
+{
+    ++t_log.openObjects;
+}
+
+EvDebug::~EvDebug()
+{
+    if (--t_log.openObjects > 0)
+        return;
+    const int callersError = errno;
+    znhost::FlushLog();
+    delete std::exchange(t_log.lines, nullptr);
+    errno = callersError;
+}
+
 EvEvent::EvEvent() : EvDebug(nullptr) {}
 EvEvent::~EvEvent() = default;
 
 void EvDebug::Debug(const char* tag, const char* format, ...)
 {
-    if (!FileShows(kNoLevel) && !TapHears(kNoLevel))
+    if (!IsWanted(kNoLevel, tag, format))
         return;
     va_list arguments;
     va_start(arguments, format);
@@ -210,7 +289,7 @@ void EvDebug::Debug(const char* tag, const char* format, ...)
 
 void EvDebug::DebugLvl(const char* tag, int level, const char* format, ...)
 {
-    if (!FileShows(level) && !TapHears(level))
+    if (!IsWanted(level, tag, format))
         return;
     va_list arguments;
     va_start(arguments, format);
@@ -220,7 +299,7 @@ void EvDebug::DebugLvl(const char* tag, int level, const char* format, ...)
 
 void EvDebug::DebugLvl(const char* tag, int level, long long jobId, const char* format, ...)
 {
-    if (!FileShows(level) && !TapHears(level))
+    if (!IsWanted(level, tag, format))
         return;
     va_list arguments;
     va_start(arguments, format);

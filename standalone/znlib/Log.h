@@ -17,26 +17,36 @@ struct LogEntry
     std::string text;
 };
 
-// While it lives, `listener` is called with every line that the constructing thread writes at `level`
-// or below, whether or not the log file shows that level. Taps nest: the innermost alone is called.
+// While it lives, `listener` is called with every line of the constructing thread that `wants` is true
+// of, whether or not the log file shows it. A line that nobody wants is not formatted: `wants` sees what
+// the writer gave. Taps nest: the innermost alone is called.
 //
-// `listener` runs on the writing thread, inside the log call; it must not write to the log itself.
+// Both run on the writing thread, inside the log call, as the line is written; they must not write to
+// the log themselves.
 class LogTap
 {
 public:
-    LogTap(int level, std::function<void(const LogEntry&)> listener);
+    using Wants = std::function<bool(int level, const char* tag, const char* format)>;
+    using Listener = std::function<void(const LogEntry&)>;
+
+    LogTap(Wants wants, Listener listener);
     LogTap(const LogTap&) = delete;
     LogTap& operator=(const LogTap&) = delete;
     ~LogTap();
 
-    int Level() const { return m_level; }
-    void Hear(const LogEntry& entry) const { m_listener(entry); }
+    const Wants& wants() const { return m_wants; }
+    const Listener& listener() const { return m_listener; }
 
 private:
-    int m_level;
-    std::function<void(const LogEntry&)> m_listener;
+    Wants m_wants;
+    Listener m_listener;
     const LogTap* m_outer;
 };
+
+// Hands the lines that this thread has kept to the file. The log does so itself before a tool is
+// started, before a pause, at every error, and when the thread's outermost log object is closed; a
+// program that waits otherwise while it has one open calls this first. Thread-safe.
+void FlushLog();
 
 // Where this process's log goes and what it shows.
 struct LogSettings

@@ -2,6 +2,7 @@
 
 #include "host/Wipe.h"
 #include "standalone/znlib/ChildProcess.h"
+#include "standalone/znlib/Log.h"
 
 #include <poll.h>
 #include <pthread.h>
@@ -184,6 +185,7 @@ int ZnProcess::system(const char* command, std::string* output, std::string* err
                       int /*reserved*/, bool /*reserved*/)
 {
     const CancellationPause pause;
+    znhost::FlushLog(); // whoever watches the log sees what a tool that hangs was told
     Wipe(*output);
     Wipe(*errorOutput);
     const Words words(command);

@@ -118,7 +118,8 @@ TEST(DeviceTree, SaysThatItCannotLook)
     Machine machine;
     machine.Add(std::istringstream("map dm-0 mpatha"));
     std::vector<std::string> lines;
-    const znhost::LogTap tap(-1, [&](const znhost::LogEntry& entry) { lines.push_back(entry.text); });
+    const znhost::LogTap tap([](int level, const char*, const char*) { return level < 0; },
+                             [&](const znhost::LogEntry& entry) { lines.push_back(entry.text); });
     EXPECT_EQ("none [] none", machine.Describe("/dev/dm-1"));
     EXPECT_THAT(lines, testing::IsEmpty());
     rlimit usual{};

@@ -2,6 +2,8 @@
 
 #include "standalone/znlib/Log.h"
 #include "host/EvDebug.h"
+#include "host/HxSleep.h"
+#include "host/ZnProcess.h"
 #include "standalone/znlib/Text.h"
 
 #include <gmock/gmock.h>
@@ -15,6 +17,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <regex>
 #include <thread>
@@ -41,6 +44,7 @@ protected:
         m_folder = name;
         m_file = m_folder / "log";
         setenv("ZN_LOG_FILE", m_ownFile.c_str(), 1);
+        setenv("ZN_LOG_MAX_SIZE", "0", 1);
     }
     void TearDown() override
     {
@@ -237,14 +241,48 @@ TEST_F(Log, SaysWhatKeepsLinesFromIt)
     EXPECT_EQ(Write("ZN_LOG_FILE=/no/such/log", 1, 1, "x"), "\n") << "a dropped line touches nothing";
 }
 
+TEST_F(Log, IsWholeBeforeAnybodyWaits)
+{
+    const std::pair<const char*, std::function<void(EvEvent&)>> rows[] = {
+        {"an error", [](EvEvent& log) { log.DebugLvl("T", -1, "error"); }},
+        {"a tool",
+         [](EvEvent&) {
+             std::string output, errorOutput;
+             ZnProcess::system("/bin/true", &output, &errorOutput, 0, false);
+         }},
+        {"a pause", [](EvEvent&) { HXSLEEP_InTeRnAl(0, "test", 0); }},
+        {"many lines",
+         [](EvEvent& log) {
+             for (int i = 0; i < 1000; ++i)
+                 log.DebugLvl("T", 0, "%100d", i);
+         }},
+        {"the end of the call", nullptr}};
+    for (const auto& [name, wait] : rows)
+    {
+        {
+            const EvEvent outer;
+            EvEvent log;
+            log.DebugLvl("T", 0, "before %s", name);
+            EXPECT_EQ(Lines(m_ownFile).size(), 0U) << "nothing is kept";
+            if (wait)
+                wait(log);
+            EXPECT_EQ(Lines(m_ownFile).empty(), !wait) << name;
+        }
+        EXPECT_THAT(Lines(m_ownFile).at(0), testing::EndsWith(std::string("before ") + name));
+        fs::remove(m_ownFile);
+    }
+}
+
 TEST_F(Log, AnyForkedChildMayWrite)
 {
+    EvEvent log;
+    log.DebugLvl("T", 0, "written once, by the parent");
     std::atomic<bool> isOver{false};
     std::vector<std::thread> writers;
     for (int i = 0; i < 3; ++i)
         writers.emplace_back([&] {
-            for (EvEvent log; !isOver;)
-                log.DebugLvl("T", 0, "parent");
+            while (!isOver)
+                EvEvent().DebugLvl("T", 0, "parent");
         });
     for (int child = 0; child < 100; ++child)
     {
@@ -252,7 +290,8 @@ TEST_F(Log, AnyForkedChildMayWrite)
         if (pid == 0)
         {
             alarm(60); // ends a child that waits for a lock
-            EvEvent().DebugLvl("T", 0, "child %d", child);
+            log.DebugLvl("T", 0, "child %d", child);
+            znhost::FlushLog();
             _exit(0);
         }
         int status = -1;
@@ -262,7 +301,9 @@ TEST_F(Log, AnyForkedChildMayWrite)
     isOver = true;
     for (std::thread& writer : writers)
         writer.join();
+    znhost::FlushLog();
     const std::vector<std::string> lines = Lines(m_ownFile);
+    EXPECT_THAT(lines, testing::Contains(testing::HasSubstr("written once")).Times(1));
     EXPECT_EQ(
         std::count_if(lines.begin(), lines.end(),
                       [](const std::string& line) { return line.find("child ") != std::string::npos; }),
@@ -276,11 +317,10 @@ TEST_F(Log, DoesNotGoOnInALineThatWasCutShort)
     getrlimit(RLIMIT_FSIZE, &usual);
     const rlimit tight{100, usual.rlim_max};
     setrlimit(RLIMIT_FSIZE, &tight);
-    EvEvent log;
-    log.DebugLvl("T", 0, "%s", std::string(200, 'x').c_str());
-    log.DebugLvl("T", 0, "lost");
+    EvEvent().DebugLvl("T", 0, "%s", std::string(200, 'x').c_str());
+    EvEvent().DebugLvl("T", 0, "lost");
     setrlimit(RLIMIT_FSIZE, &usual);
-    log.DebugLvl("T", 0, "whole");
+    EvEvent().DebugLvl("T", 0, "whole");
     const std::vector<std::string> lines = Lines(m_ownFile);
     ASSERT_EQ(lines.size(), 2U);
     EXPECT_EQ(lines[0].size(), 100U);
@@ -288,16 +328,21 @@ TEST_F(Log, DoesNotGoOnInALineThatWasCutShort)
     EXPECT_THAT(znhost::LogTrouble(), testing::HasSubstr("File too large"));
 }
 
+auto UpTo(int highest)
+{
+    return [highest](int level, const char*, const char*) { return level <= highest; };
+}
+
 TEST_F(Log, TapsHearTheirThreadAlone)
 {
     EvEvent log;
     std::vector<std::string> outer;
     std::vector<std::string> inner;
-    const znhost::LogTap outerTap(-1,
+    const znhost::LogTap outerTap(UpTo(-1),
                                   [&](const znhost::LogEntry& entry) { outer.push_back(entry.text); });
     {
         const znhost::LogTap innerTap(
-            2, [&](const znhost::LogEntry& entry) { inner.push_back(entry.text); });
+            UpTo(2), [&](const znhost::LogEntry& entry) { inner.push_back(entry.text); });
         log.DebugLvl("T", 2, "%s", "raw\ntext");
         log.Debug("T", "no level");
         std::thread([] { EvEvent().DebugLvl("T", -1, "another thread"); }).join();

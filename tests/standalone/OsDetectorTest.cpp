@@ -72,7 +72,8 @@ TEST(OsDetector, KeepsWhatItKnewWhenItCannotLook)
     fs::remove_all(root);
 
     std::string said;
-    const znhost::LogTap tap(-1, [&](const znhost::LogEntry& entry) { said = entry.text; });
+    const znhost::LogTap tap([](int level, const char*, const char*) { return level < 0; },
+                             [&](const znhost::LogEntry& entry) { said = entry.text; });
     g_iOsType = 1;
     g_iOsVersion = 99;
     rlimit usual{};
