@@ -5,8 +5,10 @@
 
 void Wipe(std::string& text)
 {
+    const std::size_t size = text.size();
+    explicit_bzero(text.data(), size);
     text.resize(text.capacity());
-    explicit_bzero(text.data(), text.size());
+    explicit_bzero(text.data() + size, text.size() - size);
     text.clear();
 }
 

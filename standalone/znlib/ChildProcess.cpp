@@ -138,8 +138,9 @@ __attribute__((no_sanitize("address"), no_sanitize("thread"))) int BecomeTool(vo
 pid_t CloneTool(Start& start, int& pidfd)
 {
     constexpr int kFlags = CLONE_VM | CLONE_VFORK | CLONE_PIDFD | SIGCHLD;
-    // Not initialised: what the child does not use of it is never touched.
-    alignas(16) char stack[16384];
+    // Not initialised, and small: the child makes a few system calls. In a host that forks, or whose
+    // stack has not been as deep before, each page of it is a page fault.
+    alignas(16) char stack[8192];
     sigset_t all, before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before); // no handler of this process runs in the child

@@ -15,7 +15,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string_view>
 #include <utility>
 
@@ -29,7 +28,6 @@
 namespace
 {
 
-using znhost::LogEntry;
 using znhost::LogSettings;
 using znhost::LogTap;
 
@@ -43,7 +41,7 @@ struct ThreadLog
     int openObjects = 0;
     std::string* lines = nullptr; // not in the file yet; there while an object is open
     pid_t process = 0;            // whose lines they are: a forked child has a copy of its parent's
-    pid_t thread = 0;
+    std::array<char, 32> ids{};   // " [812:815] "
 };
 thread_local ThreadLog t_log;
 
@@ -53,6 +51,8 @@ constexpr unsigned long long kMebibyte = 1ULL << 20U;
 LogSettings g_settings{g_file.data(), 0, 10 * kMebibyte, g_fault.data()};
 constexpr pid_t kRead = -1;
 std::atomic<pid_t> g_settingsReader{0}; // the process that reads them, then kRead
+// The level in force, for a quick look; as high as can be while it has not been read.
+std::atomic<int> g_shownLevel{INT_MAX};
 
 // Of the last line that was lost.
 std::atomic<int> g_writeError{0};
@@ -114,7 +114,8 @@ catch (const std::exception&)
 
 bool FileShows(int level)
 {
-    return level <= znhost::CurrentLogSettings().level;
+    return level <= g_shownLevel.load(std::memory_order_relaxed) &&
+           level <= znhost::CurrentLogSettings().level;
 }
 
 bool TapWants(int level, const char* tag, const char* format)
@@ -127,29 +128,60 @@ bool IsWanted(int level, const char* tag, const char* format)
     return FileShows(level) || TapWants(level, tag, format);
 }
 
-std::string Format(const char* format, va_list arguments)
+// The text of a line, on the stack where it is short.
+class FormattedText
 {
-    char* text = nullptr;
-    if (vasprintf(&text, format, arguments) < 0)
-        return format;
-    const std::unique_ptr<char, decltype(&std::free)> owner(text, &std::free);
-    return text;
-}
+public:
+    FormattedText(const char* format, va_list arguments)
+    {
+        va_list again;
+        va_copy(again, arguments);
+        const int length = std::vsnprintf(m_short.data(), m_short.size(), format, arguments);
+        if (length < 0)
+            m_text = format;
+        else if (static_cast<std::size_t>(length) < m_short.size())
+            m_text = {m_short.data(), static_cast<std::size_t>(length)};
+        else
+        {
+            m_long.resize(static_cast<std::size_t>(length) + 1); // vsnprintf ends it with a zero
+            static_cast<void>(std::vsnprintf(m_long.data(), m_long.size(), format, again));
+            m_text = {m_long.data(), static_cast<std::size_t>(length)};
+        }
+        va_end(again);
+    }
+    FormattedText(const FormattedText&) = delete;
+    FormattedText& operator=(const FormattedText&) = delete;
+    ~FormattedText() = default;
+
+    std::string_view Text() const { return m_text; }
+
+private:
+    std::array<char, 512> m_short;
+    std::string m_long;
+    std::string_view m_text;
+};
+
+struct Line
+{
+    int level;
+    std::optional<unsigned long long> jobId;
+    const char* tag;
+    std::string_view text;
+};
 
 // 2026-11-22 21:10:05.123 +0000 [812:815] -1 job=42 ZnISCSILinux::LogOnToiSCSITarget: Invalid
 // parameters.
-void AppendLine(std::string& lines, const LogEntry& entry)
+void AppendLine(std::string& lines, const Line& line)
 {
     znlib::AppendLocalTime(lines);
-    lines.append(" [").append(std::to_string(t_log.process));
-    lines.append(":").append(std::to_string(t_log.thread)).append("] ");
-    lines.append(std::to_string(entry.level));
-    if (entry.jobId)
-        lines.append(" job=").append(std::to_string(*entry.jobId));
+    lines += t_log.ids.data();
+    lines += std::to_string(line.level);
+    if (line.jobId)
+        lines.append(" job=").append(std::to_string(*line.jobId));
     lines += ' ';
-    znhost::AppendPrintable(lines, entry.tag);
+    znhost::AppendPrintable(lines, line.tag);
     lines += ": ";
-    znhost::AppendPrintable(lines, entry.text);
+    znhost::AppendPrintable(lines, line.text);
     lines += '\n';
 }
 
@@ -169,13 +201,14 @@ std::string& KeptLines()
     if (const pid_t process = getpid(); t_log.process != process)
     {
         t_log.process = process;
-        t_log.thread = static_cast<pid_t>(syscall(SYS_gettid));
+        static_cast<void>(std::snprintf(t_log.ids.data(), t_log.ids.size(), " [%d:%ld] ", process,
+                                        syscall(SYS_gettid)));
         t_log.lines->clear();
     }
     return *t_log.lines;
 }
 
-void Keep(const LogEntry& entry)
+void Keep(const Line& line)
 {
     const LogSettings& settings = znhost::CurrentLogSettings();
     // What is handed over at once never makes the file longer than it may be.
@@ -185,13 +218,13 @@ void Keep(const LogEntry& entry)
 
     std::string& lines = KeptLines();
     const std::size_t before = lines.size();
-    AppendLine(lines, entry);
+    AppendLine(lines, line);
     if (before != 0 && lines.size() > limit)
     {
         HandOver(std::string_view(lines).substr(0, before));
         lines.erase(0, before);
     }
-    const bool isAwaited = entry.level < 0 || settings.file == std::string_view("-");
+    const bool isAwaited = line.level < 0 || settings.file == std::string_view("-");
     if (isAwaited || lines.size() > limit)
         znhost::FlushLog();
 }
@@ -200,11 +233,11 @@ void Write(int level, std::optional<unsigned long long> jobId, const char* tag, 
            va_list arguments)
 {
     const int callersError = errno;
-    const LogEntry entry{level, jobId, tag, Format(format, arguments)};
+    const FormattedText text(format, arguments);
     if (TapWants(level, tag, format))
-        t_log.tap->listener()(entry);
+        t_log.tap->listener()({level, jobId, tag, std::string(text.Text())});
     if (FileShows(level))
-        Keep(entry);
+        Keep({level, jobId, tag, text.Text()});
     errno = callersError;
 }
 
@@ -242,6 +275,7 @@ const LogSettings& znhost::CurrentLogSettings()
         {
             // Nobody has begun, or a parent process had at the fork: that one reads for itself.
             ReadLogSettings();
+            g_shownLevel = g_settings.level;
             g_settingsReader.store(kRead, std::memory_order_release);
         }
     }

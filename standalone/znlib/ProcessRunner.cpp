@@ -4,6 +4,7 @@
 #include "standalone/znlib/ChildProcess.h"
 #include "standalone/znlib/Log.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
@@ -86,31 +87,40 @@ private:
     int m_before = PTHREAD_CANCEL_ENABLE;
 };
 
+// How many bytes lie in `pipe`.
+size_t CountThere(const Descriptor& pipe)
+{
+    int count = 0;
+    Checked(ioctl(pipe.Get(), FIONREAD, &count), "cannot read its output");
+    return static_cast<size_t>(count);
+}
+
 // Appends what one read of `pipe` gives to `text` and returns its size in bytes. Blocks while the pipe
 // is empty; at its end, closes it and returns 0.
 size_t ReadSome(Descriptor& pipe, std::string& text)
 {
-    // Not initialised: what is not read into is never touched.
-    char chunk[16384];
-    const auto count = static_cast<size_t>(
-        Checked(Uninterrupted([&] { return read(pipe.Get(), chunk, sizeof chunk); }),
-                "cannot read its output"));
-    ReserveWiping(text, text.size() + count);
-    text.append(chunk, count);
-    explicit_bzero(chunk, count);
-    if (count == 0)
+    constexpr size_t kFullPipe = 65536;
+    constexpr int kLargePipe = 1 << 20;
+    // What is there is read to its place at once: a buffer between would be touched, and wiped.
+    const size_t before = text.size();
+    const size_t wanted = std::max<size_t>(CountThere(pipe), 1);
+    ReserveWiping(text, before + wanted);
+    text.resize(before + wanted);
+    const auto count = Uninterrupted([&] { return read(pipe.Get(), &text[before], wanted); });
+    text.resize(before + static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    if (Checked(count, "cannot read its output") == 0)
         pipe.Close();
-    return count;
+    // A tool with much to say and this process take turns less often with more room between them.
+    else if (wanted == kFullPipe)
+        static_cast<void>(fcntl(pipe.Get(), F_SETPIPE_SZ, kLargePipe));
+    return text.size() - before;
 }
 
 // Appends what lies in `pipe` to `text`, but nothing that is written later: there may be no end of
 // that.
 void ReadRest(Descriptor& pipe, std::string& text)
 {
-    int left = 0;
-    if (pipe.IsOpen())
-        Checked(ioctl(pipe.Get(), FIONREAD, &left), "cannot read its output");
-    const size_t wanted = text.size() + static_cast<size_t>(left);
+    const size_t wanted = text.size() + (pipe.IsOpen() ? CountThere(pipe) : 0);
     while (text.size() < wanted && ReadSome(pipe, text) > 0)
     {
     }
