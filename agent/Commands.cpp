@@ -8,7 +8,7 @@
 #include "agent/RecordLock.h"
 #include "agent/Secret.h"
 #include "agent/Terminal.h"
-#include "host/OSType.h"
+#include "host/ServedHost.h"
 #include "standalone/hxutils/Pauses.h"
 #include "standalone/znlib/Text.h"
 
@@ -79,7 +79,7 @@ private:
     }
     catch (const Failure&)
     {
-        if (g_iOsType == 0 && !watch.Errors().empty())
+        if (g_iOsType != kRedHatFamily && !watch.Errors().empty())
             Fail(Cause::ToolFailed, {"cannot tell whether this host is served"});
         throw;
     }
@@ -289,10 +289,9 @@ void WarnOfDeadPaths(const std::vector<Session>& sessions, const std::vector<std
 // How often the library asks the multipath tool before it gives up.
 int ReadAttemptLimit(const Initiator& initiator)
 {
-    constexpr int kDefaultAttempts = 5;
-    int limit = kDefaultAttempts;
+    int limit = ZnISCSIUnix::kDefaultAttempts;
     initiator.Concrete().GetRegInt(nullptr, "nRetryCounter", &limit);
-    return limit == 0 ? kDefaultAttempts : std::max(limit, 1);
+    return limit == 0 ? ZnISCSIUnix::kDefaultAttempts : std::max(limit, 1);
 }
 
 // --- the target of a device

@@ -1,7 +1,7 @@
 #include "agent/Commands.h"
 #include "agent/LogWatch.h"
 #include "host/EvDebug.h"
-#include "host/OSType.h"
+#include "host/ServedHost.h"
 #include "host/ZnProcess.h"
 #include "standalone/znlib/Log.h"
 #include "standalone/znlib/Registry.h"
@@ -46,14 +46,14 @@ bool HasText(const std::string& file, const std::string& text)
 
 Finding CheckHost()
 {
-    constexpr const char* kAdvice = "Run the agent on a Red Hat family Linux of release 5 or later.";
-    detectOSType();
-    if (g_iOsType != 1)
-        return {"no Red Hat family Linux", kAdvice, Cause::NotServed};
-    const std::string finding = "Red Hat family Linux, release " + std::to_string(g_iOsVersion);
-    if (g_iOsVersion < 5)
-        return {finding, kAdvice, Cause::NotServed};
-    return {finding};
+    const bool isServed = IsServedHost();
+    const std::string finding = g_iOsType == kRedHatFamily
+                                    ? "Red Hat family Linux, release " + std::to_string(g_iOsVersion)
+                                    : "no Red Hat family Linux";
+    if (isServed)
+        return {finding};
+    return {finding, "Run the agent on a Red Hat family Linux of release 5 or later.",
+            Cause::NotServed};
 }
 
 // Only a run tells that a tool can be run: its interpreter may be missing, or a library.

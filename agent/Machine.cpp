@@ -1,5 +1,6 @@
 #include "agent/Machine.h"
 
+#include "host/BeginsWith.h"
 #include "standalone/zndevicetree/SysfsTree.h"
 #include "standalone/znlib/Text.h"
 #include "standalone/znlib/TextFile.h"
@@ -19,11 +20,6 @@ namespace
 {
 
 using znhost::ReadTextFile;
-
-bool BeginsWith(std::string_view text, std::string_view beginning)
-{
-    return text.substr(0, beginning.size()) == beginning;
-}
 
 // The one line of an attribute, without its end. Nothing when there is no such attribute, or no value:
 // the kernel prints one that is not set as "(null)".

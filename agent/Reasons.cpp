@@ -1,5 +1,7 @@
 #include "agent/Reasons.h"
 
+#include "host/BeginsWith.h"
+
 #include <algorithm>
 #include <sstream>
 
@@ -42,11 +44,6 @@ constexpr Explanation kExplanations[] = {
     {words::kNoSession, Cause::NoSession, kLogOnFirst},
     {words::kNoSessionWith, Cause::NoSession, kLogOnFirst},
 };
-
-bool BeginsWith(const std::string& text, const char* beginning)
-{
-    return text.rfind(beginning, 0) == 0;
-}
 
 // Failed to run /sbin/iscsiadm -m session -P3: iscsiadm: No active sessions.
 //  ... Trying /sbin/iscsiadm -m session -i

@@ -1,8 +1,17 @@
-// Which hosts the library serves.
+// Which hosts the library serves: Red Hat family Linux from release 5 on.
 #pragma once
 
-// Said by the factory and by every operation that meets another host.
+#include "host/OSType.h"
+
+constexpr int kRedHatFamily = 1;
+constexpr int kFirstServedRelease = 5;
+
+// Logged by the factory and by every operation on another host.
 constexpr char kUnsupportedHost[] = "Currently not supported for this OS.";
 
-// Asks the host's detector anew: Red Hat family Linux from release 5 on.
-bool IsServedHost();
+// Calls the host's detector each time.
+inline bool IsServedHost()
+{
+    detectOSType();
+    return g_iOsType == kRedHatFamily && g_iOsVersion >= kFirstServedRelease;
+}

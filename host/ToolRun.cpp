@@ -59,7 +59,7 @@ std::string ToolRun::PrintableErrorOutput() const
 {
     if (m_secret.empty())
         return m_errorOutput;
-    // Put together from what stands around the secret, so that no copy ever holds it.
+    // Built from the text around each secret, so that no copy contains it.
     std::string text;
     std::size_t from = 0;
     for (std::size_t at; (at = m_errorOutput.find(m_secret, from)) != std::string::npos;)
@@ -72,7 +72,7 @@ std::string ToolRun::PrintableErrorOutput() const
 
 bool ToolRun::Start(const char* command)
 {
-    // The strings that the runner is about to replace may repeat the secret.
+    // The output of an earlier run may repeat the secret; the runner only replaces it.
     Wipe(m_output);
     Wipe(m_errorOutput);
     return ZnProcess::system(command, &m_output, &m_errorOutput, 0, false) == 0;

@@ -1,19 +1,37 @@
 // Buffers that held a secret do not keep it.
 #pragma once
 
+#include <cstddef>
+#include <cstring>
 #include <initializer_list>
+#include <numeric>
 #include <string>
 #include <string_view>
 
-// Overwrites all that `text` holds or has room for, and empties it.
-void Wipe(std::string& text);
+// Overwrites the contents of `text` and its spare capacity, where an earlier value may be, and empties
+// it.
+inline void Wipe(std::string& text)
+{
+    const std::size_t size = text.size();
+    explicit_bzero(text.data(), size);
+    text.resize(text.capacity());
+    explicit_bzero(text.data() + size, text.size() - size);
+    text.clear();
+}
 
-// A text made of pieces, wiped before its storage is freed. Its size is known before the first piece is
-// copied, so that no growth leaves a copy behind.
+// A text made of pieces, wiped before its storage is freed. It is reserved as a whole before the first
+// piece is copied, so that no growth leaves a copy behind.
 class WipedString
 {
 public:
-    WipedString(std::initializer_list<std::string_view> pieces);
+    WipedString(std::initializer_list<std::string_view> pieces)
+    {
+        m_text.reserve(std::accumulate(
+            pieces.begin(), pieces.end(), std::size_t{0},
+            [](std::size_t sum, std::string_view piece) { return sum + piece.size(); }));
+        for (const std::string_view piece : pieces)
+            m_text += piece;
+    }
     WipedString(const WipedString&) = delete;
     WipedString& operator=(const WipedString&) = delete;
     ~WipedString() { Wipe(m_text); }

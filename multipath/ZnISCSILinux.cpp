@@ -14,7 +14,7 @@ namespace
 constexpr Tool kEhcmcli{"/usr/sbin/ehcmcli", "/usr/sbin/ehcmcli not found!!"};
 constexpr const char* kStatusCommand = "/usr/sbin/ehcmcli status";
 
-// The texts that stand before the three values of a volume in the report.
+// The texts in front of the three values of a volume in the report.
 struct ReportMarkers
 {
     std::string volume;
@@ -22,7 +22,7 @@ struct ReportMarkers
     std::string device;
 };
 
-// False when the setting is missing or empty: an empty marker would match everywhere.
+// False if the setting is missing or empty: an empty marker would match everywhere.
 bool ReadMarker(ZnISCSICommonUtils& settings, const char* key, std::string& marker)
 {
     std::array<char, 128> buffer{};
@@ -49,7 +49,7 @@ ReportMarkers ReadMarkers(ZnISCSICommonUtils& settings, const CallLog& log)
 }
 
 // Takes the text between the next `marker` and the end of its line, and moves `position` behind that
-// line. False when there is no such marker at or after `position`.
+// line. False if there is no such marker at or after `position`.
 bool TakeValue(const std::string& report, const std::string& marker, std::size_t& position,
                std::string& value)
 {
@@ -68,7 +68,7 @@ bool TakeValue(const std::string& report, const std::string& marker, std::size_t
 // Status: connected
 // Device to mount: /dev/mapper/vol-alpha
 //
-// False at the first value that is not there.
+// False at the first missing value.
 bool TakeVolume(const std::string& report, const ReportMarkers& markers, std::size_t& position,
                 DellMPIOSessionInfo& volume, const CallLog& log)
 {
@@ -93,7 +93,7 @@ bool TakeVolume(const std::string& report, const ReportMarkers& markers, std::si
     return true;
 }
 
-// Where the report lists the target more than once, the last record decides.
+// If the report lists the target more than once, the last record decides.
 bool FindMPIODevice(const std::vector<DellMPIOSessionInfo>& volumes, const std::string& targetIQN,
                     std::string& mpioDevice, const CallLog& log)
 {
@@ -111,10 +111,9 @@ bool FindMPIODevice(const std::vector<DellMPIOSessionInfo>& volumes, const std::
 
 int ReadAttemptLimit(ZnISCSICommonUtils& settings)
 {
-    constexpr int kUsualAttempts = 5;
-    int limit = kUsualAttempts;
+    int limit = ZnISCSIUnix::kDefaultAttempts;
     settings.GetRegInt(nullptr, "nRetryCounter", &limit);
-    return limit == 0 ? kUsualAttempts : limit;
+    return limit == 0 ? ZnISCSIUnix::kDefaultAttempts : limit;
 }
 
 } // namespace

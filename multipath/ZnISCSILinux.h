@@ -20,6 +20,9 @@ struct DellMPIOSessionInfo
 class ZnISCSIUnix : public ZnISCSICommonUtils
 {
 public:
+    // How often the array's tool is asked where the registry has no "nRetryCounter", or 0.
+    static constexpr int kDefaultAttempts = 5;
+
     // Replaces `records` with one record for each volume of `report`, in its order. False only when the
     // report is empty. The markers come from the registry, all three or none.
     bool ParseDellMPIOOutput(std::string report, std::vector<DellMPIOSessionInfo>& records);

@@ -1,5 +1,6 @@
 #include "redhat/ZnISCSILinuxRedhat.h"
 
+#include "host/BeginsWith.h"
 #include "host/CallLog.h"
 #include "host/ToolRun.h"
 
@@ -26,7 +27,7 @@ bool SaysAlreadyLoggedOn(const std::string& errorOutput)
     return report != nullptr && std::strstr(report, "already exists") != nullptr;
 }
 
-// A failed log-on is none when the session is there already.
+// A failed log-on counts as success if the session already exists.
 bool LogOn(const CallLog& log, ToolRun& iscsiadm, const std::string& nodeCommand)
 {
     const std::string command = nodeCommand + " -l";
@@ -42,8 +43,8 @@ bool LogOn(const CallLog& log, ToolRun& iscsiadm, const std::string& nodeCommand
     return false;
 }
 
-// The detailed report, or the short one of tools that know no other. What the last run printed is in
-// `iscsiadm`.
+// Runs the detailed report, and the short one of the oldest tools if that fails. `iscsiadm` has the
+// output of the last run.
 bool RunSessionReport(ToolRun& iscsiadm)
 {
     const std::string detailed = "/sbin/iscsiadm -m session -P3";
@@ -53,7 +54,7 @@ bool RunSessionReport(ToolRun& iscsiadm)
     return iscsiadm.RunOrLogFailure("/sbin/iscsiadm -m session -i");
 }
 
-// All attached disks of the initiator's sessions; false when they cannot be told.
+// Reads the attached disks of all sessions. False when the tool cannot report them.
 bool ReadSessions(const CallLog& log, std::vector<iSSCSISessionInfo>& sessions)
 {
     ToolRun iscsiadm(log, kIscsiadm);
@@ -68,8 +69,8 @@ bool ReadSessions(const CallLog& log, std::vector<iSSCSISessionInfo>& sessions)
     return true;
 }
 
-// The physical disks that a session report may name for `deviceName`: those beneath it or, where the
-// device tree is of no use, the device itself.
+// Finds the disks that a session report may name for `deviceName`: the disks beneath it, or the device
+// itself if the device tree gives none.
 bool FindPhysicalDevices(const CallLog& log, const std::string& deviceName,
                          std::vector<std::string>& physicalDevices)
 {
@@ -91,13 +92,8 @@ bool FindPhysicalDevices(const CallLog& log, const std::string& deviceName,
     return true;
 }
 
-bool BeginsWith(const std::string& text, const std::string& prefix)
-{
-    return text.compare(0, prefix.size(), prefix) == 0;
-}
-
-// Whether a further path of the device leads where the first one led: to a portal and an IQN that the
-// first ones begin with.
+// Whether a further path of the device leads to the same target as the first: the portal and the IQN of
+// the first path begin with those of this one.
 bool PathAgrees(const CallLog& log, const std::string& deviceName, const std::string& portal,
                 const std::string& targetIQN, const iSSCSISessionInfo& path)
 {
@@ -120,7 +116,7 @@ bool PathAgrees(const CallLog& log, const std::string& deviceName, const std::st
     return true;
 }
 
-// Copies `value` with its terminating zero; false, and nothing written, when it does not fit.
+// Copies `value` with its terminating zero. False if it does not fit; nothing is written then.
 bool CopyToCaller(const std::string& value, char* buffer, unsigned long bufferSize)
 {
     if (bufferSize <= value.size())
@@ -129,15 +125,14 @@ bool CopyToCaller(const std::string& value, char* buffer, unsigned long bufferSi
     return true;
 }
 
-// Forward searches for one marker in one text. A stretch of text that a search has ruled out is not
-// searched again, so that any run of searches from positions that only grow takes time linear in the
-// text.
+// Forward searches for one marker in one text. Text that one search has ruled out is not searched again:
+// a sequence of searches from growing positions takes time linear in the text.
 class MarkerSearch
 {
 public:
     MarkerSearch(const std::string& text, std::string_view marker) : m_text(text), m_marker(marker) {}
 
-    // The first occurrence at or after `from`, or npos.
+    // Position of the first marker at or after `from`, or npos.
     std::size_t Find(std::size_t from)
     {
         if (from < m_from || from > m_found)
@@ -153,7 +148,7 @@ public:
 private:
     std::string_view m_text;
     std::string_view m_marker;
-    // Nothing begins in [m_from, m_found). At first an interval that no position is in.
+    // No marker begins in [m_from, m_found). Initially no position is in this interval.
     std::size_t m_from = 1;
     std::size_t m_found = 0;
 };
@@ -183,7 +178,7 @@ constexpr std::array<ReportLayout, 2> kLayouts{{
 // TargetName: iqn.2001-04.example:vol1
 // Network Portal: 192.0.2.10:3260
 //
-// A search is not bound to the block it starts in: a block without a portal takes the next block's.
+// A search is not limited to the block it starts in: a block without a portal gets that of the next.
 class SessionScan
 {
 public:
@@ -199,7 +194,7 @@ public:
     {
     }
 
-    // False when the text breaks off within a target line or before its portal.
+    // False if the text ends within a target line or before its portal.
     bool Run()
     {
         for (;;)
@@ -249,7 +244,7 @@ private:
         return true;
     }
 
-    // All disk lines before the next target line. The first without a state behind it ends the target.
+    // Takes all disk lines before the next target line. A disk line without a state ends the target.
     void TakeDisks()
     {
         for (;;)
@@ -269,7 +264,7 @@ private:
         m_log.Info("No new device found in target %s.", m_current.sTargetVolIQN.c_str());
     }
 
-    // "sdb\t\t": all before the state, the name in front.
+    // `line` is the text between the marker and the state: "sdb\t\t".
     void TakeDisk(std::string_view line)
     {
         std::string& device = m_current.sDeviceName;
@@ -289,7 +284,7 @@ private:
     std::vector<iSSCSISessionInfo>& m_records;
     iSSCSISessionInfo m_current;
     std::size_t m_position = 0;
-    // Where the target line behind the current one begins; npos when it is the last.
+    // Position of the next target line, or npos at the last target.
     std::size_t m_nextTarget = std::string::npos;
 };
 
@@ -348,7 +343,7 @@ int ZnISCSILinuxRedhat::LogOffFromiSCSITarget(const char* portal, const char* ta
     return LogOffFromISCSITarget_RedHat5(portal, targetIQN);
 }
 
-// The host check is left to the fallback: a multipath device is an answer on any host.
+// Without a host check: a multipath device is valid on any host. The fallback has its own check.
 int ZnISCSILinuxRedhat::GetPhysicalDeviceForTargetIQN(const char* targetIQN, char* deviceBuffer,
                                                       unsigned long& deviceBufferSize)
 {
@@ -516,7 +511,7 @@ bool ParseIscsiadmSessionInfoOutput(const std::string& report, std::vector<iSSCS
     log.Detail("[");
     log.Detail("%s", report.c_str());
     log.Detail("]");
-    // A pass that ends in text that breaks off ends the parse.
+    // If one layout meets truncated text, the other layout is not tried.
     for (const ReportLayout& layout : kLayouts)
         if (!SessionScan(log, report, layout, records).Run())
             break;

@@ -1,7 +1,7 @@
 #include "standalone/znlib/OsDetector.h"
 
 #include "host/EvDebug.h"
-#include "host/OSType.h"
+#include "host/ServedHost.h"
 #include "standalone/znlib/TextFile.h"
 
 #include <algorithm>
@@ -20,8 +20,6 @@ namespace
 {
 
 using znhost::OperatingSystem;
-
-constexpr std::int32_t kRedHatFamily = 1;
 
 // "9.3" is release 9, "5 (Tikanga)" release 5; 0 when no number stands in front.
 std::int32_t MajorRelease(const std::string& version)
