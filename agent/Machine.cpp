@@ -21,8 +21,8 @@ namespace
 
 using znhost::ReadTextFile;
 
-// The one line of an attribute, without its end. Nothing when there is no such attribute, or no value:
-// the kernel prints one that is not set as "(null)".
+// The value of a sysfs attribute. Nothing if there is no such attribute, or it has no value: the kernel
+// prints "(null)" then.
 std::optional<std::string> ReadLine(const fs::path& attribute)
 {
     const std::optional<std::string> text = ReadTextFile(attribute);
@@ -31,7 +31,7 @@ std::optional<std::string> ReadLine(const fs::path& attribute)
     return text->substr(0, text->find('\n'));
 }
 
-// The names in `folder`, sorted; none when there is no such folder.
+// The names in `folder`, sorted. Empty if there is no such folder.
 std::vector<std::string> ListFolder(const fs::path& folder)
 {
     std::vector<std::string> names;
@@ -47,7 +47,7 @@ std::vector<std::string> ListFolder(const fs::path& folder)
     return names;
 }
 
-// The kernel names cciss/c0d0 cciss!c0d0, since its names are names of folders, too.
+// The kernel calls cciss/c0d0 "cciss!c0d0": its device names are also names of folders.
 std::string DevicePath(std::string name)
 {
     std::replace(name.begin(), name.end(), '!', '/');
@@ -105,8 +105,8 @@ std::optional<Session> ReadSession(const fs::path& sysfs, const std::string& nam
                    ReadLine(attributes / "targetname").value_or(""), ReadDisks(attributes / "device")};
 }
 
-// Sorts out who uses which disk. The device tree knows what every device is made of; here it is turned
-// around.
+// Finds the users of every disk. The device tree tells what a device is made of; this class inverts
+// that.
 class UserSearch
 {
 public:
@@ -122,7 +122,7 @@ public:
     {
         for (const std::string& name : ListFolder(m_root / "sys/class/block"))
         {
-            // Disks and partitions of SCSI, of which there may be thousands, are made of nothing.
+            // SCSI disks and partitions are never stacked on others. There may be thousands of them.
             if (!BeginsWith(name, "sd"))
                 AddStacked(name);
         }
@@ -133,7 +133,7 @@ public:
     }
 
 private:
-    // Every device once: many mounts may have the same one.
+    // Looks each device up once: many mounts may be of the same device.
     const std::vector<std::string>& DisksBeneath(const std::string& device)
     {
         const auto [known, isNew] = m_beneath.try_emplace(device);
@@ -165,7 +165,7 @@ private:
         const std::string uuid = ReadLine(folder / "dm/uuid").value_or("");
         if (BeginsWith(uuid, "mpath-"))
             AddMap(*device.operator->());
-        else if (!BeginsWith(uuid, "part")) // of a map: no more a user than a disk's own partition
+        else if (!BeginsWith(uuid, "part")) // a partition of a map is no user, like a disk's partition
             AddUser(DevicePath(name), device->getName());
     }
 
@@ -182,7 +182,7 @@ private:
         }
     }
 
-    // The kernel names the devices of a btrfs nowhere else: not all of them are in the mount table.
+    // The mount table names one device of a btrfs only.
     void AddBtrfs()
     {
         for (const std::string& uuid : ListFolder(m_root / "sys/fs/btrfs"))
@@ -190,7 +190,7 @@ private:
                 AddUser(DevicePath(name), "btrfs " + uuid);
     }
 
-    // The own table, then those of the other mount namespaces, for what is mounted there alone.
+    // Mounts of this process's namespace, then mounts that only another namespace has.
     void AddMounts()
     {
         const fs::path proc = m_root / "proc";
@@ -218,8 +218,8 @@ private:
         // The process has just ended, or is not ours to look into.
     }
 
-    // Empty for a file system without a device, or whose device has gone. A file system on several
-    // devices has a number of its own, and names one of them.
+    // Empty for a file system without a device, or if the device has gone. A file system on several
+    // devices has a number of its own, 0:N, and one of the devices as its source.
     std::string DeviceOf(const Mount& mount) const
     {
         if (BeginsWith(mount.number, "0:"))
@@ -229,7 +229,7 @@ private:
         return error ? "" : DevicePath(link.filename());
     }
 
-    // Empty for a process that is not ours to look into, or has ended.
+    // Empty if the process has ended, or this user may not look into it.
     static std::string ReadNamespace(const fs::path& process)
     {
         std::error_code error;
@@ -239,7 +239,10 @@ private:
     static std::vector<Mount> ReadMounts(const fs::path& process)
     {
         constexpr std::size_t kMaxBytes = 64 << 20;
-        return ParseMountTable(ReadTextFile(process / "mountinfo", kMaxBytes).value_or(""));
+        const std::optional<std::string> table = ReadTextFile(process / "mountinfo", kMaxBytes);
+        if (!table) // without it nobody can tell whether a disk is in use
+            throw std::runtime_error("cannot read " + process.string() + "/mountinfo: it is not there");
+        return ParseMountTable(*table);
     }
 
     Machine& m_machine;
@@ -250,7 +253,7 @@ private:
     std::set<std::string> m_mounted;
 };
 
-// The kernel writes blanks, line ends and backslashes of a name as \040, \012 and \134.
+// The kernel escapes blanks, line ends and backslashes of a name: \040, \012, \134.
 std::string Unescaped(std::string_view name)
 {
     std::string text;
@@ -307,7 +310,7 @@ std::vector<Mount> ParseMountTable(std::string_view text)
     for (std::string line; std::getline(lines, line);)
     {
         const std::vector<std::string> words = Words(line);
-        constexpr std::size_t kFixedWords = 6; // before any number of further ones, which a dash ends
+        constexpr std::size_t kFixedWords = 6; // optional ones follow, then a dash
         if (words.size() < kFixedWords)
             continue;
         const auto dash = std::find(words.begin() + kFixedWords, words.end(), "-");

@@ -161,25 +161,32 @@ TEST(Machine, IsReadAsTheKernelShowsIt)
     EXPECT_EQ(machines, 8);
 }
 
-TEST(Machine, SaysWhatItCannotRead)
+std::string WhyUnreadable(const Tree& tree)
 {
-    const Tree tree;
-    rlimit usual{};
-    getrlimit(RLIMIT_NOFILE, &usual);
-    const rlimit none{0, usual.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
-    std::string said;
     try
     {
         ReadMachine(tree.Root());
     }
     catch (const std::runtime_error& error)
     {
-        said = error.what();
+        return error.what();
     }
+    return "";
+}
+
+TEST(Machine, SaysWhatItCannotRead)
+{
+    Tree tree;
+    const std::string cannotRead = "cannot read " + tree.Root().string();
+    rlimit usual{};
+    getrlimit(RLIMIT_NOFILE, &usual);
+    const rlimit none{0, usual.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    const std::string said = WhyUnreadable(tree);
     setrlimit(RLIMIT_NOFILE, &usual);
-    EXPECT_EQ(said, "cannot read " + (tree.Root() / "sys/class/iscsi_session").string() +
-                        ": Too many open files");
+    EXPECT_EQ(said, cannotRead + "/sys/class/iscsi_session: Too many open files");
+    tree.Change("gone proc");
+    EXPECT_EQ(WhyUnreadable(tree), cannotRead + "/proc/self/mountinfo: it is not there");
 }
 
 TEST(Portal, IsReadMatchedAndShown)
