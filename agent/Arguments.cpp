@@ -24,10 +24,11 @@ std::string FindFault(std::string_view value, std::size_t maxBytes)
                : FindWordFault(value, maxBytes);
 }
 
-// How many letters have to be put in, taken out or replaced to make `from` into `to`.
+// The edit distance: how many letters to insert, delete or replace.
 std::size_t CountChanges(std::string_view from, std::string_view to)
 {
-    std::vector<std::size_t> changes(to.size() + 1); // from nothing of `from` to each beginning of `to`
+    std::vector<std::size_t> changes(to.size() +
+                                     1); // distance from the letters so far to each prefix of `to`
     std::iota(changes.begin(), changes.end(), std::size_t{0});
     for (const char letter : from)
     {
@@ -52,7 +53,8 @@ std::string FindPortalFault(const std::string& portal)
         return fault;
     const std::optional<Portal> parsed = ParsePortal(portal);
     const bool hasGroup =
-        portal.find(',') != std::string::npos; // the tool's reports have one, it takes none
+        portal.find(',') !=
+        std::string::npos; // the tool prints a portal group tag but does not accept one
     return parsed && !hasGroup && parsed->host.size() <= kMaxNameBytes
                ? ""
                : "it is none of ADDRESS, ADDRESS:PORT, [IPV6]:PORT";

@@ -1,4 +1,4 @@
-// The command line's values, and which of them a tool can be given.
+// The values of the command line, and the checks of those that are passed on to a tool.
 #pragma once
 
 #include <optional>
@@ -6,11 +6,12 @@
 #include <string_view>
 #include <vector>
 
-// Which of them are set depends on the command.
+// Each command sets the members it has options or arguments for.
 struct Request
 {
     unsigned long long jobId = 0;
-    int verbosity = 0; // 1 shows what is run and found, 2 the parsers' steps and the tools' reports too
+    int verbosity =
+        0; // 1: show what is run and found; 2: the parsers' steps and the tools' reports too
     std::string portal;
     std::string iqn;
     std::string device;
@@ -24,15 +25,16 @@ struct Request
     bool headings = true;
 };
 
-// The most bytes that the initiator keeps of a CHAP name or secret.
+// The initiator stores at most this many bytes of a CHAP name or secret.
 constexpr std::size_t kMaxChapBytes = 255;
 
-// A tool is given its arguments as words of one line. Each of these says why a value would not arrive
-// there as it is, or is not of its kind; empty when nothing is wrong. The value is not repeated.
+// The library passes values to the tool as words of one line. Each function returns why `value` would
+// not reach the tool unchanged, or is malformed; empty if it is valid. The value itself is not
+// repeated.
 std::string FindPortalFault(const std::string& portal);
 std::string FindIqnFault(const std::string& iqn);
 std::string FindDeviceFault(const std::string& device);
 std::string FindChapFault(std::string_view userOrSecret);
 
-// The one of `words` that takes the fewest changes of a letter to become `word`.
+// Returns the element of `words`, which is not empty, with the smallest edit distance to `word`.
 std::string FindNearest(const std::string& word, const std::vector<std::string>& words);

@@ -31,7 +31,7 @@ Where the array's own multipath tool (/usr/sbin/ehcmcli) is installed, it is ask
 every 20 seconds: for a target that it does not know that takes 80 seconds (5 attempts, nRetryCounter in
 the registry; --retry-pause shortens the pauses).)";
 
-// The options, the commands, and what the command line makes of them.
+// The definition of options and commands.
 class CommandLine
 {
 public:
@@ -81,8 +81,8 @@ public:
         Add(Examine, "doctor", "Tell what this host lacks, and what to do about it", "", {});
     }
 
-    // The first argument that is neither an option nor a command, nor a value of one, in a sentence;
-    // empty when there is none. What may be a value is not repeated.
+    // Returns a message about the first unknown option or command; empty if all are known. The parser's
+    // own message would repeat a value, which may be a secret.
     std::string FindUnknown(const std::vector<std::string>& arguments) const
     {
         bool hasCommand = false;
@@ -108,7 +108,7 @@ public:
         return "";
     }
 
-    // What the parser was not made for, where it has an option or a value too many.
+    // The message for known options and values that this command does not take.
     std::string DescribeExtras() const
     {
         for (const std::string& extra : app.remaining(true))
@@ -134,7 +134,7 @@ private:
         return added;
     }
 
-    // A decimal number, whatever its leading zeros.
+    // Leading zeros do not make a number octal, as the parser's own conversion would.
     template <class Number, class Target>
     static CLI::Option* AddNumber(CLI::App& command, const std::string& name, const char* unit,
                                   const char* purpose, Target& target, Number lowest, Number highest)
@@ -185,7 +185,7 @@ private:
                                                      "The secret is the first line of FILE");
         user->option_text("NAME")->check(FindChapFault);
         file->option_text("FILE")->needs(user);
-        // That is where it comes from when no file is named; the option says it.
+        // Standard input is the default; the option makes it explicit.
         command
             .add_flag("--chap-secret-stdin",
                       "The secret is the first line of standard input; a terminal is asked")
@@ -245,7 +245,7 @@ private:
         AddNumber(command, name, "S", purpose, target, 0U, kDay);
     }
 
-    // Done while the command line is read: the log is not written to before.
+    // The log reads its settings at the first line, which is written later.
     static void SetLog(const std::string& file)
     {
         if (file.empty())
@@ -253,7 +253,7 @@ private:
         setenv("ZN_LOG_FILE", file.c_str(), 1);
     }
 
-    // "--wait" of "--wait=5"; "-p" of "-psecret", and "-v" of "-vv".
+    // "--wait=5" -> "--wait", "-psecret" -> "-p", "-vv" -> "-v"
     static std::string OptionName(const std::string& argument)
     {
         return argument[1] == '-' ? argument.substr(0, argument.find('=')) : argument.substr(0, 2);
@@ -336,7 +336,7 @@ ParsedLine ParseCommandLine(int argc, char** argv)
         parsed.answer = WrongUsage(error.what());
     }
     parsed.command = nullptr;
-    // The parser may have stopped before it came to the option.
+    // The parser may have stopped before this option.
     parsed.json = std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
     return parsed;
 }

@@ -8,10 +8,10 @@ struct ParsedLine
 {
     Request request{};
     bool json = false;
-    Answer (*command)(const Request&) = nullptr; // null: `answer` is all that is to be done
-    Answer answer{};                             // help, the version, or what is wrong with the line
+    Answer (*command)(const Request&) = nullptr; // null: print `answer` instead
+    Answer answer{};                             // help, version, or the usage error
 };
 
-// Changes the environment where --log names a file. No value of an argument that is not known is
-// repeated: it may be a secret.
+// Parses the arguments of main. Sets ZN_LOG_FILE in the environment for --log. Messages never repeat
+// the value of an unknown argument, which may be a secret.
 ParsedLine ParseCommandLine(int argc, char** argv);

@@ -26,10 +26,10 @@ namespace
 
 using std::chrono::milliseconds, std::chrono::seconds, std::chrono::steady_clock;
 
-// How long the kernel may take to show what a tool has reported as done.
+// How long to wait for the kernel to show what a tool has reported as done.
 constexpr seconds kMaxSettling{5};
 
-// One command's use of the library, and what the log says of it.
+// The library, used by one command, with its log lines.
 struct LibraryCall
 {
     explicit LibraryCall(const Request& asked)
@@ -37,8 +37,8 @@ struct LibraryCall
     {
     }
 
-    // Ends the command: what could not be done, what is known of it, the reasons that the log gives and
-    // the next step. `cause` is that of a failure that the reasons do not explain.
+    // Ends the command. The reasons of the log, and the next step, follow `reasons`. `cause` is used if
+    // they do not show one.
     [[noreturn]] void Fail(Cause cause, std::vector<std::string> reasons) const
     {
         const std::vector<std::string> logged = ParseReasons(watch.Errors());
@@ -48,8 +48,8 @@ struct LibraryCall
 
     bool ToolIsMissing() const { return AnyContains(watch.Errors(), words::kIscsiadmMissing); }
 
-    // Looks again, once a second, until `lookUp` succeeds. False when the user's patience is spent, or
-    // the tool is missing.
+    // Calls `lookUp` once a second until it succeeds. False after --wait seconds (or one call without
+    // it), or if the tool is missing.
     bool WaitFor(const std::string& what, const std::function<bool()>& lookUp)
     {
         const auto deadline = steady_clock::now() + seconds(request.waitSeconds.value_or(0));
@@ -71,7 +71,7 @@ struct LibraryCall
     Initiator initiator;
 
 private:
-    // A host that could not be looked at is not one that is not served.
+    // If the detector could not look, the failure is not "not served".
     Initiator MakeInitiator() const
     try
     {
@@ -85,7 +85,7 @@ private:
     }
 };
 
-// A node record and the sessions that the kernel has for it.
+// The node record that a request is about.
 struct Node
 {
     explicit Node(const Request& request)
@@ -111,11 +111,11 @@ RecordLock LockRecord(const PortalMatcher& portal, const Request& request)
     return lock;
 }
 
-// Looks until `holds`, ten times a second. False when it does not within `limit`.
-bool Await(steady_clock::duration limit, const std::function<bool()>& holds)
+// Calls `condition` ten times a second until it is true. False if it is not within `limit`.
+bool Await(steady_clock::duration limit, const std::function<bool()>& condition)
 {
     const auto deadline = steady_clock::now() + limit;
-    while (!holds())
+    while (!condition())
     {
         if (steady_clock::now() >= deadline)
             return false;
@@ -140,8 +140,8 @@ std::string Lines(const Values& values)
 
 using Row = std::vector<std::string>;
 
-// `headings` stands above the rows where there are any, unless the user wants none. An empty cell is a
-// dash, so that every row has as many words as the headings.
+// Formats a table, with headings if there are rows and the user wants them. An empty cell becomes a
+// dash, so that all rows have the same number of columns for scripts.
 std::string Table(const Row& headings, std::vector<Row> rows, const Request& request)
 {
     for (Row& row : rows)
@@ -157,7 +157,7 @@ std::string PortalOf(const Session& session)
     return session.portal ? FormatPortal(*session.portal) : "";
 }
 
-// JSON has null for what does not apply.
+// Null stands for what does not apply.
 nlohmann::ordered_json TextOrNull(const std::string& text)
 {
     return text.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(text);
@@ -165,7 +165,7 @@ nlohmann::ordered_json TextOrNull(const std::string& text)
 
 // --- log-on
 
-// The answer of a log-on to a node that has sessions; a Failure when none of them works.
+// The answer if the node has `sessions`. Throws Failure if none of them is logged in.
 Answer AnswerLogOn(const std::vector<Session>& sessions, const Request& request, bool isNew)
 {
     if (AnyIsLoggedIn(sessions))
@@ -219,7 +219,7 @@ void RefuseLosses(const std::vector<std::string>& losses, const Node& node)
     throw Failure(Cause::InUse, reasons);
 }
 
-// Those of `before` that are still there. (One with another identifier is somebody's new one.)
+// The sessions of `before` that still exist. A session with another identifier is a new one.
 std::vector<Session> Remaining(const std::vector<Session>& before, const std::vector<Session>& now)
 {
     std::vector<Session> remaining;
@@ -266,7 +266,7 @@ std::vector<std::string> DevicesOf(const std::vector<Session>& sessions)
     return devices;
 }
 
-// Why no disk of the target was found: as the log says, otherwise as the kernel shows it.
+// Fails with the reason why no disk was found: from the kernel, or else from the log.
 [[noreturn]] void FailForWantOfDisks(const LibraryCall& call, const std::string& sentence)
 {
     const std::string& iqn = call.request.iqn;
@@ -286,7 +286,7 @@ void WarnOfDeadPaths(const std::vector<Session>& sessions, const std::vector<std
             PrintError("warning: " + path.disk.device + " does not work now: its state is " + state);
 }
 
-// How often the library asks the multipath tool before it gives up.
+// How often the library asks the multipath tool.
 int ReadAttemptLimit(const Initiator& initiator)
 {
     int limit = ZnISCSIUnix::kDefaultAttempts;
@@ -302,8 +302,9 @@ struct TargetOfDevice
     std::string iqn;
 };
 
-// Where the library refuses for nothing but the order of the tool's report, the kernel decides; it
-// decides on the portal, too, and that the library did not take two targets for one.
+// The library refuses a device if another target's session is between its paths in the tool's report,
+// and compares names by their beginning. So the kernel decides whether all paths lead to one target,
+// and through which portal.
 std::optional<TargetOfDevice> FindTargetOf(LibraryCall& call, const std::vector<Path>& paths)
 {
     std::array<char, 4096> portal{}, iqn{};
@@ -324,7 +325,7 @@ std::optional<TargetOfDevice> FindTargetOf(LibraryCall& call, const std::vector<
 {
     const std::string& device = call.request.device;
     const std::string sentence = "cannot find the target of " + device;
-    // (A device that could not be looked at is in the log.)
+    // If the log has errors, the device tree could not look.
     if (FindDisksBeneath(device).empty() && call.watch.Errors().empty())
         call.Fail(Cause::NoDevice, {sentence, "there is no block device " + device});
     std::set<std::string> iqns;
@@ -430,7 +431,7 @@ Answer LogOn(const Request& request)
 {
     const Node node(request);
     const LibraryCall call(request);
-    // Before a secret is asked for, and again when no other agent is at it.
+    // Look before the prompt for a secret, and again under the lock.
     if (const auto sessions = node.Select(ReadSessions()); !sessions.empty())
         return AnswerLogOnBefore(sessions, request);
     const std::unique_ptr<const Secret> secret = ReadSecret(request);
@@ -520,7 +521,7 @@ Answer FindDisks(const Request& request)
 {
     LibraryCall call(request);
     std::list<std::string> devices, before;
-    // Disks show up one by one: with patience, two looks have to agree.
+    // Disks appear one by one: with --wait, two looks must agree.
     const auto isComplete = [&] {
         if (request.diskCount)
             return devices.size() >= *request.diskCount;

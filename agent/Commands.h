@@ -1,5 +1,5 @@
-// The commands. Each does its work, with values that have been found fit, and answers; a Failure says
-// why it could not.
+// The commands. Each takes a request whose values have been checked, and returns the answer to print.
+// Throws Failure if the operation fails.
 #pragma once
 
 #include "agent/Arguments.h"
@@ -15,6 +15,6 @@ Answer FindDisk(const Request& request);
 Answer FindTarget(const Request& request);
 Answer ListSessions(const Request& request);
 
-// Whether this host has what the others need, and what to do where it has not. Its cause is that of the
-// first check that failed.
+// Checks that this host has what the other commands need. The answer has the cause of the first failed
+// check.
 Answer Examine(const Request& request);

@@ -22,8 +22,8 @@ namespace
 struct Finding
 {
     std::string text;
-    std::string advice{};         // empty when all is well
-    std::optional<Cause> cause{}; // set when a log-on fails for it
+    std::string advice{};         // empty if nothing is wrong
+    std::optional<Cause> cause{}; // set if a log-on will fail
 };
 
 const char* StateOf(const Finding& finding)
@@ -56,7 +56,7 @@ Finding CheckHost()
             Cause::NotServed};
 }
 
-// Only a run tells that a tool can be run: its interpreter may be missing, or a library.
+// Runs the tool: an executable file may still lack its interpreter or a library.
 Finding CheckTool()
 {
     const std::string path = "/sbin/iscsiadm";
@@ -66,14 +66,14 @@ Finding CheckTool()
     std::string output, errorOutput;
     const int result =
         ZnProcess::system((path + " --version").c_str(), &output, &errorOutput, 0, false);
-    const std::string said = output + errorOutput; // some versions tell theirs on standard error
+    const std::string said = output + errorOutput; // some versions print theirs on standard error
     const std::string line = said.substr(0, said.find('\n'));
     if (result < 0 || result > 125)
         return {line, kAdvice, Cause::ToolFailed};
     return {path + (line.empty() ? "" : ", " + line)};
 }
 
-// The initiator logs on under this name.
+// Without a name the initiator cannot log on.
 Finding CheckInitiatorName()
 {
     const std::string file = "/etc/iscsi/initiatorname.iscsi";
@@ -86,7 +86,7 @@ Finding CheckInitiatorName()
             Cause::ToolFailed};
 }
 
-// Loaded, built in, or there to be loaded when the first session needs it.
+// The module is loaded, built in, or can be loaded for the first session.
 Finding CheckModule()
 {
     utsname kernel{};
@@ -102,7 +102,7 @@ Finding CheckModule()
             Cause::ToolFailed};
 }
 
-// The tool meets the daemon, or what starts it on demand, at a socket of this name.
+// The tool connects to the daemon, or to systemd, at this abstract socket.
 Finding CheckDaemon()
 {
     constexpr const char* kAdvice = "Start it: systemctl enable --now iscsid.socket";
@@ -113,7 +113,7 @@ Finding CheckDaemon()
     return {"iscsid does not listen", kAdvice, Cause::ToolFailed};
 }
 
-// Needed where there are multipath maps, or are to be.
+// Only needed for multipath maps.
 Finding CheckMultipathDaemon()
 {
     if (HasText("/proc/net/unix", "@/org/kernel/linux/storage/multipathd"))
@@ -159,7 +159,7 @@ Finding CheckRegistry()
     return {file + (Exists(file) ? "" : " (not there: the defaults are used)")};
 }
 
-// A line that the log shows tells whether it takes any.
+// Writes a line to the log.
 Finding CheckLog()
 {
     const znhost::LogSettings& settings = znhost::CurrentLogSettings();
@@ -190,7 +190,7 @@ constexpr Check kChecks[] = {{"host", CheckHost},
                              {"registry", CheckRegistry},
                              {"log", CheckLog}};
 
-// What cannot be looked at is no reason to leave out the rest.
+// A check that throws does not end the examination.
 Finding Look(const Check& check)
 try
 {

@@ -1,5 +1,5 @@
-// This machine's initiator: an instance of the library, held as any host holds one, and a report of the
-// administration tool that the library does not hand on.
+// The initiator of this machine: an instance of the library, owned as any host owns one, and the list
+// of node records, which the library does not provide.
 #pragma once
 
 #include "agent/Portal.h"
@@ -13,17 +13,17 @@
 class Initiator
 {
 public:
-    // Throws a Failure on a host that the library does not serve, or cannot tell.
+    // Throws Failure on a host that the library does not serve.
     explicit Initiator(unsigned long long jobId);
 
-    // The operations, through the dispatch table.
+    // The operations of the interface, called through the dispatch table.
     ZnISCSI* operator->() const { return m_instance.get(); }
 
-    // The members that are not part of the interface. The factory makes instances of no other class.
+    // For the members that are not in the interface. GetInstance creates this class only.
     ZnISCSILinuxRedhat& Concrete() const { return static_cast<ZnISCSILinuxRedhat&>(*m_instance); }
 
 private:
-    // An instance owns nothing but its storage.
+    // The library has no release function: an instance owns nothing but its storage.
     struct FreeStorage
     {
         void operator()(ZnISCSI* instance) const { ::operator delete(instance); }
@@ -38,9 +38,8 @@ struct NodeRecord
     std::string iqn;
 };
 
-// Lines that are no record are passed over.
+// Parses the output of "iscsiadm -m node". Other lines are skipped.
 std::vector<NodeRecord> ParseNodeRecords(const std::string& report);
 
-// Runs the tool. No value, and the reason in the log, when it does not report; no records where it says
-// that there are none.
+// Runs the tool and returns its node records, or nothing if it fails; the log has the reason.
 std::optional<std::vector<NodeRecord>> RunNodeReport();

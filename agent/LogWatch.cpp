@@ -9,7 +9,7 @@
 namespace
 {
 
-// Their lines follow a report step by step.
+// The parsers log every step.
 bool IsParser(std::string_view tag)
 {
     return tag == "ParseIscsiadmSessionInfoOutput" || tag == "ZnISCSIUnix::ParseDellMPIOOutput";

@@ -1,4 +1,5 @@
-// What the library writes to the log while a command runs: the only place where it says why it failed.
+// Collects what the library logs while a command runs: it reports the reason of a failure in the log
+// only.
 #pragma once
 
 #include "standalone/znlib/Log.h"
@@ -8,18 +9,17 @@
 #include <utility>
 #include <vector>
 
-// Listens to this thread's log lines while it lives.
+// Receives the log lines of the constructing thread during its lifetime.
 class LogWatch
 {
 public:
-    // `verbosity` 1 shows on standard error what is run and found, as it is logged; 2 the parsers'
-    // steps and the tools' reports too.
+    // `verbosity` as in Request; the lines go to standard error as they are logged.
     explicit LogWatch(int verbosity);
 
-    // From now on `listener` is called with the text of every line that says what is run.
+    // Calls `listener` with every later line that says which command line is run.
     void OnRun(std::function<void(const std::string&)> listener) { m_runs = std::move(listener); }
 
-    // What was written since the start, or since the last Forget.
+    // The error lines since the construction or the last Forget.
     const std::vector<std::string>& Errors() const { return m_errors; }
     void Forget() { m_errors.clear(); }
 

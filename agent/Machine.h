@@ -1,8 +1,10 @@
-// This machine's iSCSI sessions, their disks and what these are used for: as the kernel shows them in
-// sysfs and /proc, whatever a tool says.
+// The iSCSI sessions of this machine, their disks and the users of these, read from sysfs and /proc.
 //
-// What goes while it is read is left out. What cannot be read for another reason throws
-// std::runtime_error, a sentence that says why.
+// `root` is the machine's root folder, or where a test has one. Objects that vanish while they are read
+// are left out. The functions throw std::runtime_error, with a sentence for the user, if anything
+// cannot be read for another reason.
+//
+// Thread-safety: the functions share nothing.
 #pragma once
 
 #include "agent/Portal.h"
@@ -19,47 +21,46 @@ struct Disk
     std::string device; // "/dev/sdb"
     unsigned long long lun = 0;
     std::optional<unsigned long long> bytes;
-    std::string state; // in the kernel's words: "running", "blocked", "transport-offline"
-    std::string map{}; // "/dev/mapper/mpatha" when it is a path of that map; or empty
-    std::vector<std::string> users{}; // devices made of it, the map apart; mount points; "swap"
+    std::string state; // as the kernel spells it: "running", "blocked", "transport-offline"
+    std::string map{}; // the multipath map it is a path of ("/dev/mapper/mpatha"), or empty
+    std::vector<std::string> users{}; // stacked devices other than `map`, mount points, "swap"
 };
 
 struct Session
 {
     int sid;
-    std::string state;            // in the kernel's words: "LOGGED_IN", "FAILED", "FREE"
-    std::optional<Portal> portal; // as the node record has it, not where a redirection led
+    std::string state;            // as the kernel spells it: "LOGGED_IN", "FAILED", "FREE"
+    std::optional<Portal> portal; // the address in the node record, not the one of a redirection
     std::string iqn;
-    std::vector<Disk> disks{}; // by LUN
+    std::vector<Disk> disks{}; // in the order of their LUNs
 };
 
-// By session identifier, without the disks' maps and users.
+// Returns the sessions in the order of their identifiers. `map` and `users` of their disks are empty.
 std::vector<Session> ReadSessions(const std::filesystem::path& root = "/");
 
 struct Machine
 {
     std::vector<Session> sessions;
-    // The paths of every multipath map: device, and whether the kernel has it running. Those of other
-    // transports than iSCSI are among them.
+    // For each multipath map its paths, of any transport: device, and whether its state is "running".
     std::map<std::string, std::map<std::string, bool>> maps;
 };
 
 Machine ReadMachine(const std::filesystem::path& root = "/");
 
-// A line of the mount table.
+// An entry of the mount table.
 struct Mount
 {
-    std::string number; // of the device: "8:17"; "0:..." for a file system without one of its own
+    std::string number; // of the device: "8:17"; "0:N" if the file system has none of its own
     std::string place;
     std::string source;
 };
 
 std::vector<Mount> ParseMountTable(std::string_view text);
 
-// The devices and files that are swapped to.
+// Returns the devices and files of /proc/swaps.
 std::vector<std::string> ParseSwapTable(std::string_view text);
 
-// The disks that `device` is made of in the end: itself when it is one, the disk of a partition. Empty
-// when there is no such device.
+// Returns the physical disks beneath `device`: those of a stacked device, the disk of a partition, a
+// disk itself. Empty if there is no such device.
 std::vector<std::string> FindDisksBeneath(const std::string& device,
                                           const std::filesystem::path& root = "/");

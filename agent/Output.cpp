@@ -19,7 +19,7 @@ void Write(const std::string& text)
                       {std::string("cannot write to standard output: ") + std::strerror(errno)});
 }
 
-// Names from outside need not be UTF-8, and may hold what drives a terminal.
+// Names from outside may be invalid UTF-8 or contain control sequences of terminals.
 void MakePrintable(nlohmann::ordered_json& json)
 {
     if (json.is_string())

@@ -1,4 +1,4 @@
-// What a command answers, and how the answer is shown.
+// The answer of a command and its output formats.
 #pragma once
 
 #include <memory>
@@ -9,21 +9,21 @@
 
 #include <nlohmann/json.hpp>
 
-// Why a command failed, for programs: the name that JSON has, and the exit status.
+// Why a command failed. Determines "cause" in JSON and the exit status.
 enum class Cause
 {
-    NoRecord,      // the initiator has no node record of the target at the portal
+    NoRecord,      // no node record of the target at the portal
     NoSession,     // the kernel has no such session
-    SessionFailed, // it has one whose connection is lost
-    NotAuthorized, // the target refused the initiator's CHAP name or secret, or their want
-    Unreachable,   // nobody answers at the portal, or it has no such address
+    SessionFailed, // the session exists, but its connection is lost
+    NotAuthorized, // CHAP name or secret missing or wrong
+    Unreachable,   // the portal refuses, or there is no route or no such name
     TimedOut,
-    InUse, // by a mount, a swap, a device, or a session
+    InUse, // the disk has users, or the record has a session
     NoDevice,
     Usage,
     NotServed,
     ToolMissing,
-    ToolFailed // anything else: the tool, or what it reported, was of no use
+    ToolFailed // any other failure of the tool or of this host
 };
 
 const char* NameOf(Cause cause);
@@ -31,13 +31,13 @@ int ExitStatusOf(Cause cause);
 
 struct Answer
 {
-    std::string text;                                                 // whole lines
-    nlohmann::ordered_json fields = nlohmann::ordered_json::object(); // the same for --json
-    std::optional<Cause> cause{};                                     // of a failure
-    std::vector<std::string> reasons{}; // of a failure, a line each, the most telling first
+    std::string text;                                                 // complete lines
+    nlohmann::ordered_json fields = nlohmann::ordered_json::object(); // for --json
+    std::optional<Cause> cause{};                                     // set on failure
+    std::vector<std::string> reasons{}; // on failure: one line each, the most important first
 };
 
-// Ends a command. There is at least one reason.
+// Ends a command. `reasons` is not empty.
 struct Failure : std::runtime_error
 {
     Failure(Cause cause, const std::vector<std::string>& reasons);
@@ -45,10 +45,10 @@ struct Failure : std::runtime_error
     std::shared_ptr<const Answer> answer;
 };
 
-// On standard output; throws a Failure when it cannot be written. The second shows one JSON object, in
-// which every text is as printable as a line of the log.
+// Print the answer on standard output: its text, or one JSON object whose strings are escaped like
+// lines of the log. Throw Failure if standard output cannot be written.
 void PrintText(const Answer& answer);
 void PrintJson(const Answer& answer);
 
-// One line on standard error, "zniscsi: LINE", with nothing in it that could drive a terminal.
+// Prints "zniscsi: LINE" on standard error, with `line` escaped.
 void PrintError(const std::string& line);

@@ -12,7 +12,7 @@ namespace
 
 constexpr std::uint16_t kDefaultPort = 3260;
 
-// ":3260"; 0 when it is no port.
+// Parses ":3260". 0 if `text` is not a port.
 std::uint16_t ParsePort(std::string_view text)
 {
     std::uint16_t port = 0;
@@ -21,7 +21,7 @@ std::uint16_t ParsePort(std::string_view text)
     return text.front() == ':' && error == std::errc() && stop == end ? port : std::uint16_t{0};
 }
 
-// The addresses of `host` in their usual spelling; none when it is not found.
+// The addresses of `host` in their canonical spelling. Empty if it cannot be resolved.
 std::set<std::string> FindAddresses(const std::string& host, int resolverFlags)
 {
     std::set<std::string> addresses;
@@ -51,7 +51,7 @@ std::optional<Portal> ParsePortal(std::string_view text)
     text = text.substr(0, text.find(','));
     const std::size_t bracket = text.find(']');
     const bool isBracketed = bracket != std::string_view::npos && text.front() == '[';
-    // Without brackets, two colons or more are an IPv6 address alone.
+    // Without brackets, a text with several colons is an IPv6 address without port.
     const std::size_t colon =
         text.find(':') == text.rfind(':') ? text.find(':') : std::string_view::npos;
     const std::size_t hostEnd = std::min(isBracketed ? bracket + 1 : colon, text.size());

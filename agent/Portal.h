@@ -1,4 +1,4 @@
-// Target portals as people and tools write them.
+// Target portals in the notations of people and tools.
 #pragma once
 
 #include <cstdint>
@@ -13,24 +13,24 @@ struct Portal
     std::uint16_t port;
 };
 
-// Reads "ADDRESS", "ADDRESS:PORT", "[IPV6]:PORT" or a name in place of the address; a portal group tag
-// (",1") behind it is passed over.
+// Parses "ADDRESS", "ADDRESS:PORT" or "[IPV6]:PORT"; a host name may take the place of the address. A
+// trailing portal group tag (",1") is ignored. Nothing if `text` is malformed.
 std::optional<Portal> ParsePortal(std::string_view text);
 
-// "192.0.2.10", "192.0.2.10:3261", "[2001:db8::10]": what every command and the tool take.
+// Returns "192.0.2.10", "192.0.2.10:3261", "[2001:db8::10]": the form that commands and tool take.
 std::string FormatPortal(const Portal& portal);
 
-// Tells whether a portal of the initiator's is the one that the user means.
+// Compares portals of the initiator with the one that the user gave.
 class PortalMatcher
 {
 public:
-    // `wanted` is the text of a portal. Looks a name up in the resolver, which may block; a name that
-    // is not found stands for itself.
+    // `wanted` is a portal that ParsePortal accepts. Resolves a host name, which may block. A name that
+    // cannot be resolved matches itself only.
     explicit PortalMatcher(const std::string& wanted);
 
     bool Matches(const Portal& portal) const;
 
-    // One spelling for all that lead to the same address and port.
+    // The same text for all spellings of one address and port.
     std::string Canonical() const;
 
 private:

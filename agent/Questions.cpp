@@ -13,7 +13,7 @@ bool Works(const Session& session, const Disk& disk)
     return IsLoggedIn(session) && disk.state == "running";
 }
 
-// Whether a path of `map` works that is no disk of a session `ending`.
+// Whether `map` has a working path other than the disks of the sessions `ending`.
 bool KeepsAPath(const Machine& machine, const std::string& map, const std::vector<Session>& ending)
 {
     std::map<std::string, bool> paths = machine.maps.at(map);
@@ -84,12 +84,11 @@ std::string DescribeSize(unsigned long long bytes)
 {
     constexpr std::array<char, 6> kUnits{'K', 'M', 'G', 'T', 'P', 'E'};
     constexpr unsigned long long kStep = 1024;
-    constexpr unsigned long long kRoundedUp =
-        1048525; // from 1023.95 on it is 1024.0, the next unit's 1
+    constexpr unsigned long long kRoundedUp = 1048525; // 1023.95, which would be shown as 1024.0
     if (bytes < kStep)
         return std::to_string(bytes) + 'B';
     std::size_t unit = 0;
-    for (; bytes >= kRoundedUp; bytes /= kStep) // in the unit below the one that is shown
+    for (; bytes >= kRoundedUp; bytes /= kStep) // counts in the unit below
         ++unit;
     const unsigned long long tenths = (bytes * 10 + kStep / 2) / kStep;
     const std::string fraction = tenths % 10 == 0 ? "" : '.' + std::to_string(tenths % 10);

@@ -1,4 +1,4 @@
-// What the commands ask of a machine: pure functions.
+// What the commands derive from the state of a machine. All functions are pure.
 #pragma once
 
 #include "agent/Machine.h"
@@ -6,33 +6,34 @@
 #include <string>
 #include <vector>
 
-// "LOGGED_IN": the connection stands, and the kernel hands I/O to it.
+// Whether the connection is up.
 bool IsLoggedIn(const Session& session);
 
-// Those with `iqn`, through `portal` where one is given.
+// Returns the sessions with the target `iqn`, through `portal` unless that is null.
 std::vector<Session> SelectSessions(const std::vector<Session>& sessions, const std::string& iqn,
                                     const PortalMatcher* portal = nullptr);
 
-// Who would lose a disk if the sessions `ending` ended: a line each, "/dev/sdb: /mnt". Not the users of
-// a multipath map that keeps a path that works.
+// Returns the users that lose a disk if the sessions `ending` end, a line each: "/dev/sdb: /mnt". Users
+// of a multipath map that keeps a working path lose nothing.
 std::vector<std::string> FindLosses(const Machine& machine, const std::vector<Session>& ending);
 
-// A disk and its session.
+// A disk with its session.
 struct Path
 {
     Disk disk;
     Session session;
 };
 
-// The paths that `devices` are, those that work first, then by session.
+// Returns the paths whose disks are in `devices`: working ones first, then in the order of sessions.
 std::vector<Path> FindPaths(const std::vector<Session>& sessions,
                             const std::vector<std::string>& devices);
 
-// "LOGGED_IN"; of a disk that is not running its own state as well: "LOGGED_IN/offline".
+// Returns the state of the session, and that of the disk if it is not running: "LOGGED_IN/offline".
+// `disk` may be null.
 std::string DescribeState(const Session& session, const Disk* disk);
 
-// "100M", "1.5T": as lsblk shows a size.
+// Returns a size in the format of lsblk: "100M", "1.5T".
 std::string DescribeSize(unsigned long long bytes);
 
-// Rows of equally many cells as lines, each column as wide as its widest cell.
+// Formats rows, all with the same number of cells, as lines with aligned columns.
 std::string FormatTable(const std::vector<std::vector<std::string>>& rows);

@@ -11,21 +11,21 @@ namespace
 constexpr const char* kFailed = "Failed to run ";
 constexpr const char* kTrying = " ... Trying ";
 
-// Not why an operation failed: words that the failure message repeats, a tool that may be missing, and
-// the end of a report.
+// Error lines that are not the reason of a failure: a text that the failure message repeats, an
+// optional tool that is missing, the end of a report.
 constexpr const char* kIdle[] = {"Error returned by command is: ", words::kEhcmcliMissing,
                                  "Unable to parse the input or end of input string"};
 
 struct Explanation
 {
-    const char* words; // in a reason
+    const char* words; // part of a reason
     Cause cause;
-    const char* nextStep; // PORTAL and IQN stand for those of the request
+    const char* nextStep; // PORTAL and IQN are replaced by those of the request
 };
 
 constexpr const char* kLogOnFirst = "log on first: zniscsi logon PORTAL IQN";
 
-// The first one that is found decides: a refused discovery ends with a time-out, too.
+// The first match decides: "refused" is before "timed out", since a refused discovery reports both.
 constexpr Explanation kExplanations[] = {
     {words::kIscsiadmMissing, Cause::ToolMissing, "what to install: zniscsi doctor"},
     {"not root", Cause::ToolFailed, "the initiator takes orders from root alone"},
@@ -88,7 +88,7 @@ std::vector<std::string> ParseReasons(const std::vector<std::string>& errors)
         for (std::string line; std::getline(lines, line);)
             if (!line.empty() && std::find(reasons.begin(), reasons.end(), line) == reasons.end())
                 reasons.push_back(line);
-        // What the tool said to another command after that explains nothing.
+        // The messages of a second command after that do not explain anything.
         if (Contains(error, words::kNoSession))
             break;
     }

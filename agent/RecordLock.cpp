@@ -21,7 +21,7 @@ using znlib::Uninterrupted;
 
 constexpr const char* kFolder = "/run/lock/zniscsi";
 
-// A folder of this user's own: in one that others may write to, anybody could hold the lock.
+// The folder belongs to this user: in a folder that others may write to, they could hold the lock.
 Descriptor OpenFolder()
 {
     if (mkdir(kFolder, S_IRWXU) != 0 && errno != EEXIST)
@@ -36,7 +36,7 @@ Descriptor OpenFolder()
     return folder;
 }
 
-// `operation` as flock takes it.
+// `operation` is LOCK_SH or LOCK_EX.
 Descriptor Lock(const Descriptor& folder, std::string name, int operation, const std::string& what)
 {
     std::replace(name.begin(), name.end(), '/', '!');

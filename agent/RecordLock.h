@@ -1,4 +1,4 @@
-// Agents that change the same node record, or its session, take turns.
+// A lock among agents that change the same node record or its session.
 #pragma once
 
 #include "agent/Portal.h"
@@ -6,15 +6,15 @@
 
 #include <string>
 
-// Held from construction to destruction; a process that ends in any way holds none. Where another agent
-// has it, waits, and says so on a terminal.
+// Held from construction to destruction. The kernel releases it if the process is killed. The
+// constructor waits while another agent holds it, and shows that in a status line.
 class RecordLock
 {
 public:
-    // On the record of `iqn` at `portal`, or, without an IQN, on all records of the portal.
+    // Locks the record of `iqn` at `portal`, or all records of the portal if `iqn` is empty.
     RecordLock(const PortalMatcher& portal, const std::string& iqn);
 
-    // Why there is none; empty where it is held.
+    // Why the lock could not be taken; empty if it is held.
     const std::string& Trouble() const { return m_trouble; }
 
 private:

@@ -20,12 +20,12 @@ void RequireSuccess(bool succeeded, const std::string& source)
         throw Failure(Cause::Usage, {"cannot read " + source + ": " + std::strerror(errno)});
 }
 
-// Neither this process nor the tool, which gets the secret on its command line, leaves a core file.
+// Prevents core files of this process and of the tool, whose command line contains the secret.
 void KeepOutOfCoreFiles()
 {
     const rlimit none{};
     setrlimit(RLIMIT_CORE, &none);
-    prctl(PR_SET_DUMPABLE, 0); // a limit does not keep the kernel from handing a core to a program
+    prctl(PR_SET_DUMPABLE, 0); // the limit does not apply to a core that is piped to a program
 }
 
 } // namespace

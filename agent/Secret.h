@@ -1,4 +1,4 @@
-// The CHAP secret on its way from the user to the initiator's tool.
+// Reads the CHAP secret.
 #pragma once
 
 #include "agent/Arguments.h"
@@ -6,12 +6,12 @@
 #include <array>
 #include <string>
 
-// Kept in one place, never copied, wiped at the end.
+// Not copyable; the destructor wipes it.
 class Secret
 {
 public:
-    // Reads the first line of `descriptor`, and nothing behind it. Throws a Failure (wrong usage) when
-    // it cannot be read, naming `source`, or is no secret that a tool can be given.
+    // Reads the first line from `descriptor`, and no byte behind it. Throws Failure (usage) if that
+    // fails, with `source` in the message, or if the secret cannot be passed to a tool.
     Secret(int descriptor, const std::string& source);
     Secret(const Secret&) = delete;
     Secret& operator=(const Secret&) = delete;
@@ -22,12 +22,12 @@ public:
 private:
     Secret() = default;
 
-    // One byte more shows that it is too long.
+    // Room for the end of the line, and for one more byte that shows that the secret is too long.
     std::array<char, kMaxChapBytes + 2> m_text{};
 };
 
-// Warns on standard error about a file that others may read.
+// Prints a warning on standard error if others can read the file.
 Secret ReadSecretFile(const std::string& file);
 
-// From the terminal, asking for it and without echo, or from whatever else standard input is.
+// Prompts, without echo, if standard input is a terminal.
 Secret ReadSecretFromStandardInput(const std::string& user);

@@ -17,14 +17,14 @@
 #include <termios.h>
 #include <unistd.h>
 
-// Signal handlers work on what follows: atomics, and plain data that is written only while the atomic
-// beside it says that no handler looks at it.
+// State of the signal handlers. The plain data is written only while the atomic flag before it is
+// false.
 namespace
 {
 
 using Line = std::array<char, 512>;
 
-std::atomic<bool> g_hasStatus{false}; // there is a text, and the clock runs
+std::atomic<bool> g_hasStatus{false}; // g_status is set and the timer runs
 std::atomic<bool> g_statusIsShown{false};
 Line g_status{};
 timespec g_statusStart{};
@@ -36,7 +36,7 @@ termios g_settingsWithEcho{};
 
 using SignalHandler = void (*)(int);
 
-// Sets `handler` for a signal that has its default action.
+// Installs `handler` if the signal has its default action.
 void HandleIfDefault(int signal, SignalHandler handler, int flags)
 {
     struct sigaction ours
@@ -47,7 +47,7 @@ void HandleIfDefault(int signal, SignalHandler handler, int flags)
     };
     ours.sa_handler = handler;
     ours.sa_flags = flags;
-    sigfillset(&ours.sa_mask); // SIGTTOU among them: a handler may change the terminal's settings
+    sigfillset(&ours.sa_mask); // includes SIGTTOU: handlers change terminal settings
     if (sigaction(signal, nullptr, &before) == 0 && before.sa_handler == SIG_DFL)
         sigaction(signal, &ours, nullptr);
 }
@@ -57,7 +57,7 @@ bool IsInForeground()
     return tcgetpgrp(STDIN_FILENO) == getpgrp();
 }
 
-// False, and errno set, when the terminal does not take it.
+// False, with errno set, on failure.
 bool TurnEchoOff()
 {
     termios silent = g_settingsWithEcho;
@@ -70,11 +70,12 @@ void TurnEchoOn()
 {
     if (!g_echoIsOff.exchange(false))
         return;
-    tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_settingsWithEcho); // the rest of a secret is no command
-    WriteToStandardError("\n");                              // the user's own was not shown
+    tcsetattr(STDIN_FILENO, TCSAFLUSH,
+              &g_settingsWithEcho); // flush: the rest of a secret must not reach the shell
+    WriteToStandardError("\n");     // the line end that the user typed was not shown
 }
 
-// The signal has its default action again: raised once more, it ends the program when this returns.
+// SA_RESETHAND has restored the default action: the raised signal ends the program after the return.
 extern "C" void EndBySignal(int signal)
 {
     EraseStatusLine();
@@ -99,12 +100,12 @@ extern "C" void StopBySignal(int signal)
     sigset_t raised;
     sigemptyset(&raised);
     sigaddset(&raised, signal);
-    sigprocmask(SIG_UNBLOCK, &raised, nullptr); // the program stops here, and goes on here
+    sigprocmask(SIG_UNBLOCK, &raised, nullptr); // stops here, and continues here
     sigaction(signal, &ours, nullptr);
     errno = error;
 }
 
-// The shell that had the terminal meanwhile has turned the echo on.
+// SIGCONT: the shell has turned the echo on in the meantime.
 extern "C" void GoOn(int /*signal*/)
 {
     const int error = errno;
@@ -128,7 +129,7 @@ void SetClock(time_t seconds)
     setitimer(ITIMER_REAL, &interval, nullptr);
 }
 
-// Runs once a second while there is a status. No function here but what a signal handler may call.
+// SIGALRM, once a second. Calls async-signal-safe functions only.
 extern "C" void ShowSeconds(int /*signal*/)
 {
     if (!g_hasStatus)
@@ -150,7 +151,7 @@ extern "C" void ShowSeconds(int /*signal*/)
     errno = error;
 }
 
-// `text` where it can be shown, as much of it as leaves room for the seconds.
+// Sets the text, cut so that the seconds fit into the line, and starts the timer.
 void SetStatus(const std::string& text)
 {
     constexpr std::size_t kSecondsWidth = sizeof " (86400 s)";
@@ -159,7 +160,7 @@ void SetStatus(const std::string& text)
     std::size_t length = std::min(line.size(), columns > kSecondsWidth ? columns - kSecondsWidth : 0);
     while (length < line.size() && length > 0 &&
            (static_cast<unsigned char>(line[length]) & 0xc0U) == 0x80)
-        --length; // not within a character
+        --length; // do not cut a character
     line.copy(g_status.data(), length);
     g_status.at(length) = '\0';
     clock_gettime(CLOCK_MONOTONIC, &g_statusStart);
@@ -174,7 +175,7 @@ void RestoreTerminalOnSignals()
 {
     for (int signal = 1; signal <= SIGRTMAX; ++signal)
     {
-        // Those that end nothing, the clock's, and that of a reader who went away.
+        // Signals that do not end the program, the timer, and SIGPIPE, which main handles.
         constexpr int kOthers[] = {SIGCHLD, SIGCONT, SIGURG,  SIGWINCH, SIGTSTP,
                                    SIGTTIN, SIGTTOU, SIGALRM, SIGPIPE};
         if (std::find(std::begin(kOthers), std::end(kOthers), signal) == std::end(kOthers))
@@ -189,9 +190,9 @@ HiddenPrompt::HiddenPrompt(const std::string& prompt)
     for (const int signal : {SIGTSTP, SIGTTIN, SIGTTOU})
         HandleIfDefault(signal, StopBySignal, 0);
     HandleIfDefault(SIGCONT, GoOn, 0);
-    // A secret is not asked for where it would be shown.
+    // Never prompt while the echo is on.
     const bool isTerminal = tcgetattr(STDIN_FILENO, &g_settingsWithEcho) == 0;
-    g_promptIsOpen = isTerminal; // first: a stop may come at any moment from here on
+    g_promptIsOpen = isTerminal; // set first: a stop may happen at any moment
     if (!isTerminal || !TurnEchoOff())
         throw std::system_error(errno, std::generic_category(),
                                 "cannot keep the terminal from showing a secret");

@@ -1,17 +1,17 @@
-// What this program changes on the user's terminal, and takes back on every way out: a return, an
-// exception, a signal, a stop.
+// Terminal output and settings. Settings are restored on return, exception, signal and stop.
 #pragma once
 
 #include <string>
 #include <string_view>
 
-// From now on a signal that ends the program first puts the terminal in order. A signal that was
-// ignored stays so.
+// Installs handlers that restore the terminal before a signal ends the program. Signals that are
+// ignored or handled stay as they are.
 void RestoreTerminalOnSignals();
 
-// While it lives, what is typed at standard input, a terminal, is not shown, and `prompt` is. A stop
-// (Ctrl-Z) gives the echo back; when the program goes on in the foreground, echo is off and the prompt
-// shown again. One at a time. Throws std::system_error when the echo cannot be turned off.
+// Shows `prompt` and turns the echo of standard input, a terminal, off for its lifetime. A stop
+// (Ctrl-Z) turns it on; when the program continues in the foreground, it is off again and the prompt is
+// repeated. Only one at a time. The constructor throws std::system_error if the echo cannot be turned
+// off.
 class HiddenPrompt
 {
 public:
@@ -21,12 +21,12 @@ public:
     ~HiddenPrompt();
 };
 
-// Shows on standard error what is being waited for, and from the next second on for how long: "TEXT
-// (12 s)". Nothing when that is no terminal. The line is erased before anything else is written.
+// Shows `text` in a status line on standard error, and after a second also the time: "TEXT (12 s)".
+// Does nothing if that is not a terminal. Erase it before anything else is written.
 void ShowStatusLine(const std::string& text);
 void EraseStatusLine();
 
-// While it lives, shows a status line from the first second on: work that is done sooner shows none.
+// A status line for work that may be slow: it appears after a second, and is erased at the end.
 class SlowWork
 {
 public:
@@ -36,6 +36,5 @@ public:
     ~SlowWork() { EraseStatusLine(); }
 };
 
-// Writes `text` to standard error, where the status line has been erased. What cannot be written is
-// lost.
+// Writes `text` to standard error. Errors are ignored. Safe in a signal handler.
 void WriteToStandardError(std::string_view text);

@@ -14,8 +14,8 @@
 namespace
 {
 
-// Nothing that is opened later may take the place of a standard stream that came closed. Writing to
-// standard output then still fails.
+// Opens /dev/null for standard descriptors that are closed, so that no later file takes their place. It
+// is opened such that writing to standard output still fails.
 void FillStandardDescriptors()
 {
     for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
@@ -53,7 +53,7 @@ try
     FillStandardDescriptors();
     RestoreTerminalOnSignals();
     const ParsedLine line = ParseCommandLine(argc, argv);
-    // Whoever reads what is shown may go away: the work is done all the same.
+    // A reader of standard error that exits must not end the operation.
     const auto sigpipeAction = std::signal(SIGPIPE, SIG_IGN);
     const Answer answer = line.command == nullptr ? line.answer : Run(line);
     for (const std::string& reason : answer.reasons)
