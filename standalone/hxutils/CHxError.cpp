@@ -1,6 +1,6 @@
 #include "host/CHxError.h"
 
-// The stand-alone host has nothing to say beyond the code.
+// The stand-alone host gives no details.
 class FXErrorPrivate : public SPEnabled
 {
 };

@@ -1,4 +1,4 @@
-// What a program built on the stand-alone host may ask of its sleep.
+// The stand-alone host's addition to its sleep.
 #pragma once
 
 #include <chrono>
@@ -6,7 +6,7 @@
 namespace znhost
 {
 
-// From now on no pause of this process lasts longer than `longest`. Safe on any thread.
+// Limits all later pauses of this process to `longest`. Thread-safe.
 void LimitPauses(std::chrono::milliseconds longest);
 
 } // namespace znhost

@@ -14,7 +14,7 @@ SPBase::~SPBase()
 
 void SPBase::assign(SPEnabled* object)
 {
-    // The new share first: the object may be held by nothing but the one that is given up here.
+    // Take the new share first: the old share may be the last one of the same object.
     if (object != nullptr)
         object->m_shares.fetch_add(1, std::memory_order_relaxed);
     SPEnabled* const old = std::exchange(m_object, object);

@@ -41,8 +41,8 @@ void znhost::LimitPauses(std::chrono::milliseconds longest)
 
 void HXSLEEP_InTeRnAl(unsigned long milliseconds, const char* /*file*/, int /*line*/)
 {
-    znhost::FlushLog(); // whoever watches the log sees what came before the pause
-    // An absolute deadline, so that a signal costs no time and adds none.
+    znhost::FlushLog(); // all lines before the pause are in the file during it
+    // An absolute deadline: an interrupted sleep continues without drift.
     const timespec deadline = MonotonicDeadline(std::min(milliseconds, g_longestPause.load()));
     while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR)
     {

@@ -15,16 +15,15 @@
 
 namespace fs = std::filesystem;
 
-// Inside, a device is its entry in the folder of all devices: /sys/class/block/sdb, a symbolic link to
-// the device's own folder. What is not there, whether it never was or has just gone, and what cannot be
-// read, is an exception.
+// In this file a device is its entry in class/block: /sys/class/block/sdb, a symbolic link to the
+// device's folder. A missing or unreadable entry throws an exception.
 namespace
 {
 
 constexpr char kDev[] = "/dev/";
 constexpr char kMapper[] = "mapper/";
 
-// What stands after `prefix` in `text`, or nothing when `text` does not begin with it.
+// The rest of `text` after `prefix`, or nothing if it does not begin with that.
 std::optional<std::string> After(const std::string& prefix, const std::string& text)
 {
     if (text.compare(0, prefix.size(), prefix) != 0)
@@ -32,14 +31,14 @@ std::optional<std::string> After(const std::string& prefix, const std::string& t
     return text.substr(prefix.size());
 }
 
-// The name that device-mapper knows the device by; nothing when it is not one of device-mapper's.
+// The device-mapper name of a device, or nothing if device-mapper did not make it.
 std::optional<std::string> ReadMapName(const fs::path& device)
 {
     const std::optional<std::string> line = znhost::ReadTextFile(device / "dm/name");
     return line ? std::optional(line->substr(0, line->find('\n'))) : std::nullopt;
 }
 
-// The path by which hosts know the device.
+// The path of the device for hosts.
 std::string DeviceName(const fs::path& device)
 {
     if (const auto mapName = ReadMapName(device))
@@ -51,7 +50,7 @@ std::string DeviceName(const fs::path& device)
 
 fs::path WholeDevice(const fs::path& device)
 {
-    // A partition's folder stands in its disk's: .../block/sdb/sdb1.
+    // A partition is a folder in its disk's folder: .../block/sdb/sdb1.
     const fs::path folder = fs::canonical(device);
     if (!fs::exists(folder / "partition"))
         return device;
@@ -72,11 +71,11 @@ struct ByKernelName
 class DiskSearch
 {
 public:
-    // Adds the disks that the whole device `device` ends at, through every layer: itself, when it is
-    // one. `layers` are above it already.
+    // Adds the disks beneath the whole device `device`, through all layers, or the device itself if it
+    // is a disk. `layers` is the depth of this call.
     void Descend(const fs::path& device, int layers = 0)
     {
-        constexpr int kMaxLayers = 64; // no machine comes near it, and the call stack holds it
+        constexpr int kMaxLayers = 64; // more than any machine has, and little for the call stack
         if (layers > kMaxLayers)
             throw std::runtime_error("more than " + std::to_string(kMaxLayers) + " layers of devices");
         const auto [visit, isNew] = m_isDone.emplace(device, false);
@@ -85,13 +84,13 @@ public:
         if (!isNew)
             return;
 
-        const fs::path slaves = device / "slaves"; // every whole device has it, and nothing else
+        const fs::path slaves = device / "slaves"; // all whole devices have this folder, and only these
         if (!fs::is_empty(slaves))
         {
             for (const fs::directory_entry& slave : fs::directory_iterator(slaves))
                 Descend(WholeDevice(device.parent_path() / slave.path().filename()), layers + 1);
         }
-        else if (!ReadMapName(device)) // a map that has lost its paths is no disk
+        else if (!ReadMapName(device)) // a map without paths is not a disk
         {
             m_disks.insert(device);
         }
@@ -101,7 +100,7 @@ public:
     const std::set<fs::path, ByKernelName>& Disks() const { return m_disks; }
 
 private:
-    std::map<fs::path, bool> m_isDone; // the devices met so far; true when all beneath one is done
+    std::map<fs::path, bool> m_isDone; // devices met so far; true after all beneath has been visited
     std::set<fs::path, ByKernelName> m_disks;
 };
 
@@ -114,14 +113,13 @@ SP<ZnDevice> MakeDevice(const fs::path& device)
     std::list<SP<ZnDevice>> children;
     for (const fs::path& disk : search.Disks())
     {
-        if (disk != whole) // a disk is not beneath itself
+        if (disk != whole) // a disk is not its own child
             children.push_back(new ZnDevice(DeviceName(disk), {}));
     }
     return new ZnDevice(DeviceName(device), children);
 }
 
-// Whether a look-up failed for want of the device, and for nothing else: no such path, no link where
-// one would have to be, too many of them.
+// Whether the error means that there is no such device: no such path, not a link, or too many links.
 bool IsMiss(const std::error_code& error)
 {
     using std::errc;
@@ -135,8 +133,7 @@ void LogFailure(const char* path, const std::string& reason)
     EvEvent().DebugLvl("ZnDeviceTree", -1, "cannot look up %s: %s", path, reason.c_str());
 }
 
-// A device may go at any moment of a look-up, so that every miss ends here. That the machine could not
-// be looked at is something else, and the log says it.
+// A device may vanish at any moment of a look-up: that is a miss. Any other error is logged.
 template <class LookUp>
 SP<ZnDevice> EmptyIfItThrows(const char* path, const LookUp& lookUp)
 {
@@ -178,17 +175,17 @@ SP<ZnDevice> SysfsTree::FindWholeDevice(const char* path) const
     return EmptyIfItThrows(path, [&] { return MakeDevice(WholeDevice(Entry(path))); });
 }
 
-// The device that `path` names, symbolic links followed.
+// Follows symbolic links from `path` to a device.
 fs::path SysfsTree::Entry(const char* path) const
 {
-    constexpr int kMaxLinks = 40; // the kernel follows no more either
+    constexpr int kMaxLinks = 40; // as for the kernel
     fs::path place = path;
     for (int links = 0; links <= kMaxLinks; ++links)
     {
         if (const auto inDev = After(kDev, place))
             place = m_dev.native() + '/' + *inDev;
         place = fs::weakly_canonical(place.parent_path()) / place.filename();
-        // Before a link is followed: udev's links lag behind the kernel, sysfs does not.
+        // Look in sysfs before following a link: links of udev may be out of date.
         if (const auto entry = FindEntry(place))
             return *entry;
         place = place.parent_path() / fs::read_symlink(place);
@@ -196,7 +193,7 @@ fs::path SysfsTree::Entry(const char* path) const
     throw fs::filesystem_error(path, std::make_error_code(std::errc::too_many_symbolic_link_levels));
 }
 
-// The device whose node would stand at `place`.
+// The device with its node at `place`, or nothing.
 std::optional<fs::path> SysfsTree::FindEntry(const fs::path& place) const
 {
     std::optional<std::string> name = After(m_dev / "", place);
@@ -204,7 +201,7 @@ std::optional<fs::path> SysfsTree::FindEntry(const fs::path& place) const
         return std::nullopt;
     if (const auto mapName = After(kMapper, *name))
         return FindMap(*mapName);
-    // The device of /dev/cciss/c0d0 is cciss!c0d0: the kernel's names are names of folders, too.
+    // /dev/cciss/c0d0 is cciss!c0d0 in sysfs, where names are names of folders.
     std::replace(name->begin(), name->end(), '/', '!');
     const fs::path entry = m_block / *name;
     return fs::exists(entry) ? std::optional(entry) : std::nullopt;
@@ -212,7 +209,7 @@ std::optional<fs::path> SysfsTree::FindEntry(const fs::path& place) const
 
 std::optional<fs::path> SysfsTree::FindMap(const std::string& mapName) const
 {
-    // The link that udev makes may be out of date: the kernel decides whether it is right.
+    // The link of udev is only a hint, since it may be out of date.
     std::error_code noLink;
     const fs::path linked = fs::read_symlink(m_dev / kMapper / mapName, noLink).filename();
     if (!noLink && ReadMapName(m_block / linked) == mapName)

@@ -31,7 +31,7 @@ std::list<SP<ZnDevice>> ZnDevice::getChildren()
     return m_children;
 }
 
-// The error object is left as it is: nobody but its own library can put a code into it.
+// The error object is not used: only its own library can set a code.
 SP<ZnDevice> ZnDeviceTree::getDevice(const char* path, CHxError* /*error*/)
 {
     return ThisMachine().FindDevice(path);

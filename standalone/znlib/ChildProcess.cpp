@@ -12,8 +12,8 @@
 #include <cstring>
 #include <vector>
 
-// clone by its other name. The thread sanitizer takes clone for a fork, which it is not here, and then
-// no longer knows this process's threads.
+// Another name of clone. The thread sanitizer intercepts clone as a fork, and would lose track of the
+// threads of this process.
 // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the C library's own
 extern "C" int __clone(int (*start)(void*), void* stack, int flags, void* argument, ...) noexcept;
 
@@ -23,14 +23,14 @@ namespace znlib
 namespace
 {
 
-// P_PIDFD, which the C library names from release 2.36 on.
+// P_PIDFD, defined in the C library from 2.36 on.
 constexpr auto kByPidfd = static_cast<idtype_t>(3);
 
-// What PIDFD_GET_INFO (Linux 6.13) tells of a pidfd's process. The status of one that was reaped is
-// part of it from Linux 6.15 on.
+// The result of PIDFD_GET_INFO (Linux 6.13). It includes the status of a reaped process from
+// Linux 6.15.
 struct PidfdInfo
 {
-    std::uint64_t mask; // what is asked for, then what was told
+    std::uint64_t mask; // in: requested, out: filled in
     std::uint64_t cgroup;
     std::uint32_t pid, threadGroup, parent;
     std::uint32_t userAndGroupIds[8];
@@ -40,8 +40,8 @@ static_assert(sizeof(PidfdInfo) == 64, "the size is part of the request's number
 constexpr unsigned long kPidfdGetInfo = _IOWR(0xFF, 11, PidfdInfo);
 constexpr std::uint64_t kPidfdInfoExit = 1U << 3;
 
-// `opened`, moved above the standard descriptors if this process had closed these: the child gets its
-// streams there, and what becomes one must not lie in the place of another.
+// Moves `opened` above the standard descriptors, in case this process has closed these: the child's
+// streams are duplicated to 0, 1 and 2 one after the other.
 Descriptor AboveStandard(Descriptor opened)
 {
     if (opened.Get() > STDERR_FILENO)
@@ -64,7 +64,7 @@ Pipe MakePipe()
     return {AboveStandard(std::move(made.readEnd)), AboveStandard(std::move(made.writeEnd))};
 }
 
-// This process's environment with LC_ALL=C, so that the tool speaks as its readers expect.
+// This process's environment with LC_ALL=C: the parsers read untranslated messages.
 std::vector<char*> ToolEnvironment()
 {
     static char plainLocale[] = "LC_ALL=C";
@@ -79,7 +79,7 @@ std::vector<char*> ToolEnvironment()
     return variables;
 }
 
-// What the child needs to become the tool, and what kept it from that.
+// Input and result of BecomeTool.
 struct Start
 {
     char* const* words;
@@ -89,17 +89,17 @@ struct Start
     const char* failure = "cannot start a process";
 };
 
-// The kernel's own form of an action: its handler, flags, restorer and mask, all zero for the default.
-// (The C library's function refuses the two signals that it uses itself.)
+// The kernel's struct sigaction; all zero is the default action. (The C library's function refuses the
+// two signals that it uses itself.)
 struct KernelAction
 {
     unsigned long handler, flags, restorer, mask;
 };
 constexpr unsigned long kIgnored = 1;
 
-// The child's part. It has descriptors and signals of its own but runs in this process's memory: it
-// does nothing but system calls, unseen by the sanitizers, which would take its doings for this
-// process's.
+// Runs in the child, which has its own descriptors and signal actions but shares this process's memory.
+// So it makes system calls only, and is not instrumented: sanitizers would attribute it to this
+// process.
 __attribute__((no_sanitize("address"), no_sanitize("thread"))) int BecomeTool(void* argument)
 {
     static constexpr KernelAction kDefaultAction{};
@@ -129,21 +129,19 @@ __attribute__((no_sanitize("address"), no_sanitize("thread"))) int BecomeTool(vo
     return EXIT_FAILURE;
 }
 
-// Starts a child as posix_spawn does, at a cost that does not grow with this process: the child borrows
-// its memory, and this thread waits, until it has become the tool or failed to.
+// Starts a child as posix_spawn does: it shares this process's memory, and this thread waits, until the
+// child has executed the tool or failed. So the cost does not depend on the size of this process.
 //
-// posix_spawn itself leaves the pidfd to be asked for afterwards. That is too late for a short run in a
-// process that ignores SIGCHLD; the variant that gives it is new in release 2.39 of the C library.
-// Kernels before 5.2 leave `pidfd` as it is.
+// posix_spawn itself returns no pidfd (pidfd_spawn does, from 2.39 on). Opening one afterwards is too
+// late for a short run in a process that ignores SIGCHLD. Kernels before 5.2 do not set `pidfd`.
 pid_t CloneTool(Start& start, int& pidfd)
 {
     constexpr int kFlags = CLONE_VM | CLONE_VFORK | CLONE_PIDFD | SIGCHLD;
-    // Not initialised, and small: the child makes a few system calls. In a host that forks, or whose
-    // stack has not been as deep before, each page of it is a page fault.
+    // Small and not initialised: each page that is touched is a page fault in a host that forks.
     alignas(16) char stack[8192];
     sigset_t all, before;
     sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before); // no handler of this process runs in the child
+    pthread_sigmask(SIG_SETMASK, &all, &before); // no handler of this process must run in the child
     const pid_t pid = __clone(BecomeTool, stack + sizeof stack, kFlags, &start, &pidfd);
     if (pid < 0)
         start.error = errno;
@@ -151,10 +149,10 @@ pid_t CloneTool(Start& start, int& pidfd)
     return pid;
 }
 
-// The end of a process that somebody else has reaped, or is just reaping.
+// The end of a process that another thread has reaped or is reaping.
 ChildEnd ReadLostEnd(const Descriptor& pidfd)
 {
-    // The pidfd hangs up when the process is reaped. Its status may be there before; it is afterwards.
+    // The status is available at the latest when the process has been reaped and the pidfd hangs up.
     constexpr int kMaxReapingMs = 1000;
     for (const int timeoutMs : {0, kMaxReapingMs})
     {
@@ -189,7 +187,7 @@ ChildProcess::ChildProcess(char* const* words)
     m_pidfd = Descriptor(pidfd);
     siginfo_t unused{};
     if (m_pidfd.IsOpen() && Wait(unused, WEXITED | WNOHANG | WNOWAIT) != 0 && errno == EINVAL)
-        m_pidfd.Close(); // Linux 5.2 and 5.3: there is one, but not to be waited on
+        m_pidfd.Close(); // Linux 5.2 and 5.3 have pidfds but cannot wait on them
     if (start.error != 0)
     {
         if (m_pid > 0)
@@ -204,7 +202,7 @@ ChildProcess::ChildProcess(char* const* words)
 
 ChildProcess::~ChildProcess()
 {
-    // First the pipes: a child that is blocked on a full one goes on, or is killed by SIGPIPE.
+    // Close the pipes first: a child that is blocked on a full pipe gets SIGPIPE.
     m_output.Close();
     m_errorOutput.Close();
     siginfo_t unused{};

@@ -1,4 +1,4 @@
-// A tool that runs as a child process, from its start until it is reaped.
+// A tool that runs as a child process.
 #pragma once
 
 #include "standalone/znlib/Descriptor.h"
@@ -9,14 +9,13 @@
 namespace znlib
 {
 
-// How a child ended, as far as the kernel tells.
+// How a child ended.
 struct ChildEnd
 {
-    int result = -1; // the exit status; 128 plus the signal's number; -1: not told
-    int signal = 0;  // the signal that killed it; 0: none
-    int error = 0;   // why the result is not told: ECHILD where it was lost, since a process that
-                     // ignores SIGCHLD, or reaps every child on another thread, takes it away; 0 where
-                     // the answer was about no child of this process
+    int result = -1; // exit status, 128 plus the signal's number, or -1 if unknown
+    int signal = 0;  // the signal that killed it, or 0
+    int error = 0;   // why the result is unknown: ECHILD if this process ignores SIGCHLD or reaps all
+                     // children on another thread; 0 if waitid answered for no child of ours
 };
 
 // The process and the pipes from its two streams.
@@ -25,32 +24,31 @@ struct ChildEnd
 class ChildProcess
 {
 public:
-    // Starts the program whose full path is `words[0]`, without a shell; `words` are its arguments, a
-    // null ends them. It gets /dev/null as input and no descriptor above its error output, the default
-    // action of every signal and none blocked, and this process's environment with LC_ALL=C. A SIGHUP
-    // that this process ignores, as it does under nohup, stays ignored.
+    // Starts the program with the full path `words[0]`, without a shell. `words` are its arguments,
+    // ended by a null. It gets /dev/null as standard input, no other descriptors, default signal
+    // actions, no blocked signals, and this process's environment with LC_ALL=C. SIGHUP stays ignored
+    // if this process ignores it (nohup).
     //
-    // Throws std::system_error, which says why, when it cannot be started.
+    // Throws std::system_error if it cannot be started.
     explicit ChildProcess(char* const* words);
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
-    // Closes the pipes and waits for the child's end: whatever went wrong, no zombie is left.
+    // Closes the pipes and waits for the child: no zombie remains after an exception.
     ~ChildProcess();
 
-    // Whether the child has ended. The call that finds it so reaps it. To be called once EndEvent can
-    // be read and not before, or now and then where that is closed.
+    // Whether the child has ended; reaps it then. Call this when EndEvent is readable and not before,
+    // or repeatedly if EndEvent is closed.
     //
-    // Throws std::system_error when that cannot be told.
+    // Throws std::system_error if waiting fails.
     bool HasEnded();
 
-    // How it ended, once it has.
+    // Valid after HasEnded has returned true.
     const ChildEnd& End() const { return m_end; }
 
-    // Can be read from the child's end on. Closed where the kernel has no such descriptor (before
-    // Linux 5.4).
+    // Becomes readable when the child ends. Closed if the kernel has no pidfd to wait on (before 5.4).
     const Descriptor& EndEvent() const { return m_pidfd; }
 
-    // What the child writes. The reader may close them.
+    // The read ends of the child's standard output and standard error. May be closed.
     Descriptor& Output() { return m_output; }
     Descriptor& ErrorOutput() { return m_errorOutput; }
 

@@ -1,5 +1,5 @@
-// System calls on file descriptors: closed with the object that holds them, and not cut short by a
-// signal.
+// Helpers for system calls: an owned file descriptor, retry after a signal, errors as exceptions.
+// (namespace znlib: internal; znhost: exported by the libraries of the stand-alone host.)
 #pragma once
 
 #include <unistd.h>
@@ -15,7 +15,7 @@ class Descriptor
 {
 public:
     Descriptor() = default;
-    // Takes over `number`, the result of an open, a pipe or the like; below 0 is no descriptor.
+    // Takes ownership of `number`, the result of open, pipe etc. A negative number is no descriptor.
     explicit Descriptor(int number) : m_number(number) {}
     Descriptor(Descriptor&& other) noexcept : m_number(std::exchange(other.m_number, -1)) {}
     Descriptor& operator=(Descriptor&& other) noexcept
@@ -31,14 +31,14 @@ public:
             ::close(std::exchange(m_number, -1));
     }
     bool IsOpen() const { return m_number >= 0; }
-    // The number, or a negative one, which poll passes over.
+    // The number, or -1, which poll ignores.
     int Get() const { return m_number; }
 
 private:
     int m_number = -1;
 };
 
-// The result of `call`, a system call, which is made again as long as a signal interrupts it.
+// Repeats the system call `call` while a signal interrupts it, and returns its result.
 template <class Call>
 auto Uninterrupted(Call call)
 {
@@ -48,7 +48,7 @@ auto Uninterrupted(Call call)
     return result;
 }
 
-// `result` of the system call just made. Throws std::system_error, "WHAT: REASON", if it failed.
+// Returns `result`, or throws std::system_error with `what` and errno if it is negative.
 template <class Result>
 Result Checked(Result result, const char* what)
 {

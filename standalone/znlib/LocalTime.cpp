@@ -21,12 +21,12 @@ long ReadUtcOffset(std::time_t time)
     return local.tm_gmtoff;
 }
 
-// The process that loaded this library, and the last offset that it used.
+// The process that loaded this library, and the last offset it used.
 const pid_t g_loader = getpid();
 std::atomic<long> g_utcOffset{ReadUtcOffset(std::time(nullptr))};
 
-// Seconds east of UTC. A forked child keeps the offset of its parent, since it may not take the C
-// library's lock: its times stay right, whatever the zone they are written in.
+// Seconds east of UTC. A forked child keeps its parent's offset, since it must not take the C library's
+// lock. The times that it writes stay right.
 long UtcOffset(std::time_t time)
 {
     if (getpid() == g_loader)
@@ -34,7 +34,7 @@ long UtcOffset(std::time_t time)
     return g_utcOffset;
 }
 
-// What stands before and behind the milliseconds in this second.
+// The texts before and after the milliseconds, for one second.
 struct SecondText
 {
     std::time_t second = -1;
@@ -42,15 +42,15 @@ struct SecondText
     std::array<char, 64> zone{};
 };
 
-// Formatted once a second and thread. Plain data: a thread-local object that has to be destroyed would
-// keep the library from being unloaded.
+// Formatted once per second and thread. Plain data: a thread-local object with a destructor would keep
+// the library loaded until the thread ends.
 thread_local SecondText t_text;
 
 void FormatSecond(SecondText& text, std::time_t second)
 {
     const long offset = UtcOffset(second);
     constexpr long kDay = 24L * 60 * 60;
-    constexpr long kFirstDayOf1970 = 2440588; // as the calendar counts them
+    constexpr long kFirstDayOf1970 = 2440588; // Julian day number
     const long local = kFirstDayOf1970 * kDay + second + offset;
     const auto date =
         boost::gregorian::gregorian_calendar::from_day_number(static_cast<std::uint32_t>(local / kDay));

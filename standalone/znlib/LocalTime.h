@@ -1,7 +1,7 @@
-// Local time for the log, without the lock that the C library's own functions take: a child that was
-// forked while another thread held it would wait for it for ever.
+// Local time for the log. The C library's functions take a lock: a child that is forked while another
+// thread holds it would wait for ever.
 //
-// Thread-safety: any number of threads may call this at once, in any forked child too.
+// Thread-safety: thread-safe, also in forked children of a process with several threads.
 #pragma once
 
 #include <string>
@@ -9,7 +9,7 @@
 namespace znlib
 {
 
-// Appends the time of this call: "2026-11-22 21:10:05.123 +0100".
+// Appends the current time: "2026-11-22 21:10:05.123 +0100".
 void AppendLocalTime(std::string& line);
 
 } // namespace znlib

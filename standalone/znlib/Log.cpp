@@ -22,25 +22,25 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-// Nothing here takes a lock: a child forked while another thread held it would wait for it for ever.
-// Nothing here has a destructor: lines are written while the process ends, too, and a thread-local
-// object that has to be destroyed would keep the library from being unloaded.
+// No locks: a child forked while another thread holds one would wait for ever. No static or
+// thread-local objects with destructors: lines may be written during the exit of the process, and such
+// a thread-local object would keep the library loaded.
 namespace
 {
 
 using znhost::LogSettings;
 using znhost::LogTap;
 
-constexpr int kNoLevel = 0; // what a line without a level counts as
+constexpr int kNoLevel = 0; // of a line without a level
 
-// A thread's part of the log. Lines are kept while a call lasts, so that the thousands of a parser take
-// one write, not one each.
+// A thread's state. Lines are buffered during a call, so that the thousands of lines of a parser take
+// one write.
 struct ThreadLog
 {
     const LogTap* tap = nullptr; // the innermost
     int openObjects = 0;
-    std::string* lines = nullptr; // not in the file yet; there while an object is open
-    pid_t process = 0;            // whose lines they are: a forked child has a copy of its parent's
+    std::string* lines = nullptr; // buffered; allocated while an object is open
+    pid_t process = 0;            // owner of `lines`: a forked child has a copy of them
     std::array<char, 32> ids{};   // " [812:815] "
 };
 thread_local ThreadLog t_log;
@@ -50,11 +50,11 @@ std::array<char, 512> g_fault{};
 constexpr unsigned long long kMebibyte = 1ULL << 20U;
 LogSettings g_settings{g_file.data(), 0, 10 * kMebibyte, g_fault.data()};
 constexpr pid_t kRead = -1;
-std::atomic<pid_t> g_settingsReader{0}; // the process that reads them, then kRead
-// The level in force, for a quick look; as high as can be while it has not been read.
+std::atomic<pid_t> g_settingsReader{0}; // the process that is reading them, then kRead
+// Copy of the level for a quick test. The maximum until the settings have been read.
 std::atomic<int> g_shownLevel{INT_MAX};
 
-// Of the last line that was lost.
+// errno of the last line that was lost.
 std::atomic<int> g_writeError{0};
 
 void SetFault(std::string_view sentence)
@@ -62,7 +62,7 @@ void SetFault(std::string_view sentence)
     g_fault.at(sentence.copy(g_fault.data(), g_fault.size() - 1)) = '\0';
 }
 
-// A setting's text: from the environment, else from the registry, else empty.
+// The value from the environment, else from the registry, else empty.
 std::string ReadSetting(const char* variable, const char* key)
 {
     if (const char* const value = std::getenv(variable); value != nullptr && *value != '\0')
@@ -74,7 +74,7 @@ std::string ReadSetting(const char* variable, const char* key)
     return stored.value_or("");
 }
 
-// Sets `setting` to the number in `text` when it is a whole one from `lowest` to `highest`.
+// Sets `setting` if `text` is a whole number from `lowest` to `highest`.
 template <class Number>
 void SetNumber(Number& setting, const std::string& text, const char* name, Number lowest,
                Number highest)
@@ -98,7 +98,7 @@ void SetFile(const std::string& file)
         std::memcpy(g_file.data(), file.c_str(), file.size() + 1);
 }
 
-// What cannot be read keeps its default.
+// Invalid settings keep their defaults.
 void ReadLogSettings() noexcept
 try
 {
@@ -128,7 +128,7 @@ bool IsWanted(int level, const char* tag, const char* format)
     return FileShows(level) || TapWants(level, tag, format);
 }
 
-// The text of a line, on the stack where it is short.
+// The formatted text of a line; on the stack if it is short.
 class FormattedText
 {
 public:
@@ -143,7 +143,7 @@ public:
             m_text = {m_short.data(), static_cast<std::size_t>(length)};
         else
         {
-            m_long.resize(static_cast<std::size_t>(length) + 1); // vsnprintf ends it with a zero
+            m_long.resize(static_cast<std::size_t>(length) + 1); // vsnprintf writes a terminating zero
             static_cast<void>(std::vsnprintf(m_long.data(), m_long.size(), format, again));
             m_text = {m_long.data(), static_cast<std::size_t>(length)};
         }
@@ -193,7 +193,7 @@ void HandOver(std::string_view lines)
         g_writeError = error;
 }
 
-// The lines kept by this thread; none of its parent's in a forked child, since the parent writes those.
+// The buffer of this thread. In a forked child it is emptied first: the parent writes those lines.
 std::string& KeptLines()
 {
     if (t_log.lines == nullptr)
@@ -211,7 +211,7 @@ std::string& KeptLines()
 void Keep(const Line& line)
 {
     const LogSettings& settings = znhost::CurrentLogSettings();
-    // What is handed over at once never makes the file longer than it may be.
+    // A single write must not exceed the size limit of the file.
     constexpr unsigned long long kMaxKeptBytes = 65536;
     const unsigned long long limit =
         settings.maxSizeBytes == 0 ? kMaxKeptBytes : std::min(kMaxKeptBytes, settings.maxSizeBytes);
@@ -270,10 +270,10 @@ const LogSettings& znhost::CurrentLogSettings()
     for (pid_t reader = 0; (reader = g_settingsReader.load(std::memory_order_acquire)) != kRead;)
     {
         if (reader == getpid())
-            sched_yield(); // another thread of this process is reading them
+            sched_yield(); // another thread of this process is at it
         else if (g_settingsReader.compare_exchange_strong(reader, getpid()))
         {
-            // Nobody has begun, or a parent process had at the fork: that one reads for itself.
+            // Nobody is reading, or only a thread of the parent process was, at the fork.
             ReadLogSettings();
             g_shownLevel = g_settings.level;
             g_settingsReader.store(kRead, std::memory_order_release);
@@ -292,7 +292,7 @@ std::string znhost::LogTrouble()
                            : std::generic_category().message(error));
 }
 
-// The stand-alone host has no log files but the usual one.
+// The stand-alone host has one log file only.
 EvDebug::EvDebug(EvDebugFileInstance* instance) : m_instance(instance)
 {
     ++t_log.openObjects;
@@ -337,7 +337,7 @@ void EvDebug::DebugLvl(const char* tag, int level, long long jobId, const char* 
         return;
     va_list arguments;
     va_start(arguments, format);
-    // Job identifiers are unsigned; only the call carries them as signed numbers.
+    // The call passes the unsigned job identifier as a signed number.
     Write(level, static_cast<unsigned long long>(jobId), tag, format, arguments);
     va_end(arguments);
 }

@@ -1,4 +1,6 @@
-// The stand-alone log beyond the writing of lines: where it goes, what was lost, and who else listens.
+// The public face of the stand-alone log: its settings, its errors, and taps.
+//
+// Lines are written with EvDebug and EvEvent (host/EvDebug.h).
 #pragma once
 
 #include <functional>
@@ -8,21 +10,20 @@
 namespace znhost
 {
 
-// One line of the log before it is written: the text is as the writer gave it, nothing escaped.
+// One line of the log. `text` is not escaped.
 struct LogEntry
 {
-    int level; // 0 for a line without one
+    int level; // 0 if the line has no level
     std::optional<unsigned long long> jobId;
     const char* tag;
     std::string text;
 };
 
-// While it lives, `listener` is called with every line of the constructing thread that `wants` is true
-// of, whether or not the log file shows it. A line that nobody wants is not formatted: `wants` sees what
-// the writer gave. Taps nest: the innermost alone is called.
+// During its lifetime, calls `listener` with each line of the constructing thread for which `wants` is
+// true, also if the log file does not show it. `wants` is called before the line is formatted. If taps
+// are nested, only the innermost is called.
 //
-// Both run on the writing thread, inside the log call, as the line is written; they must not write to
-// the log themselves.
+// Both functions run on the writing thread, inside the log call. They must not write to the log.
 class LogTap
 {
 public:
@@ -43,27 +44,27 @@ private:
     const LogTap* m_outer;
 };
 
-// Hands the lines that this thread has kept to the file. The log does so itself before a tool is
-// started, before a pause, at every error, and when the thread's outermost log object is closed; a
-// program that waits otherwise while it has one open calls this first. Thread-safe.
+// Writes the lines that this thread has buffered to the file. The log does this itself before a tool is
+// started, before a pause, at every error, and when the thread's outermost log object is destroyed.
+// Call it before any other wait while a log object is open. Thread-safe.
 void FlushLog();
 
-// Where this process's log goes and what it shows.
+// The settings of this process's log.
 struct LogSettings
 {
     const char* file;                // "-" is standard error
-    int level;                       // the highest level that the file shows: -1 to 2
-    unsigned long long maxSizeBytes; // the file becomes FILE.1 before it grows past this; 0 is no limit
-    const char* fault; // why a setting that was made is not in force, in a sentence; else empty
+    int level;                       // highest level in the file: -1 to 2
+    unsigned long long maxSizeBytes; // limit before the file becomes FILE.1; 0: none
+    const char* fault; // a sentence if a setting is invalid and its default is used; else empty
 };
 
-// The settings in force: the registry's section [Log] (File, Level, MaxSize), overridden by
-// ZN_LOG_FILE, ZN_LOG_LEVEL and ZN_LOG_MAX_SIZE. Read once, at the first line or the first call of
-// this. Thread-safe. The texts are valid as long as the library is loaded.
+// Returns the settings: section [Log] of the registry (File, Level, MaxSize), overridden by
+// ZN_LOG_FILE, ZN_LOG_LEVEL and ZN_LOG_MAX_SIZE. They are read once, at the first line or the first
+// call. Thread-safe. Valid until the library is unloaded.
 const LogSettings& CurrentLogSettings();
 
-// Why the last line of this process that did not reach the log was lost, in a sentence; empty when none
-// was. Thread-safe.
+// Returns why a line of this process could not be written, in a sentence; empty if none was lost.
+// Thread-safe.
 std::string LogTrouble();
 
 } // namespace znhost

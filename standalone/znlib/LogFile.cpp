@@ -25,23 +25,23 @@ using FileStatus = struct stat;
 
 struct OpenFile
 {
-    Descriptor descriptor; // not open: errno says why
-    std::string path;      // where the symbolic links have led
+    Descriptor descriptor; // if not open, errno has the reason
+    std::string path;      // after following symbolic links
 };
 
 Descriptor OpenToAppend(const std::string& path, int furtherFlags)
 {
     // O_NONBLOCK: opening a FIFO without a reader must not block.
     constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
-    // Readable by its owner: the log names hosts, targets and CHAP users.
+    // Only for its owner: the log names hosts, targets and CHAP users.
     constexpr mode_t kMode = 0600;
     return Descriptor(open(path.c_str(), kFlags | furtherFlags, kMode));
 }
 
-// What the symbolic link `path` contains; empty, and errno set, when it is not to be followed.
+// The target of the symbolic link `path`; empty, with errno set, if it must not be followed.
 std::string ReadTrustedLink(const std::string& path)
 {
-    // One descriptor for both questions: the link that is read is the link whose owner is known.
+    // Owner and target are read through one descriptor, so that the link cannot be replaced in between.
     const Descriptor link(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     FileStatus status{};
     std::array<char, PATH_MAX> target{};
@@ -54,7 +54,7 @@ std::string ReadTrustedLink(const std::string& path)
     return {target.data(), static_cast<std::size_t>(length < 0 ? 0 : length)};
 }
 
-// /dev/stderr ends at a link of /proc that leads to an open file, not to the path that it shows.
+// Links in /proc, as behind /dev/stderr, lead to an open file and not to the path that they show.
 bool IsInProc(const std::string& link)
 {
     struct statfs folder
@@ -64,11 +64,10 @@ bool IsInProc(const std::string& link)
            folder.f_type == PROC_SUPER_MAGIC;
 }
 
-// In a folder that others may write to, a link of theirs would lead root's lines, and the renaming, to
-// a file of their choice.
+// A link that another user planted would make root append to, and rename, a file of that user's choice.
 OpenFile OpenLog(std::string path)
 {
-    constexpr int kMaxLinks = 40; // the kernel follows no more either
+    constexpr int kMaxLinks = 40; // as for the kernel
     for (int links = 0; links <= kMaxLinks; ++links)
     {
         Descriptor file = OpenToAppend(path, O_NOFOLLOW);
@@ -90,8 +89,8 @@ bool IsFullWith(const FileStatus& file, std::size_t addition, unsigned long long
            static_cast<unsigned long long>(file.st_size) + addition > maxSizeBytes;
 }
 
-// Renames the file to PATH.1 under its lock, unless somebody else holds the lock, and so is about to
-// rename it, or has renamed it just now. Returns 0, or the errno of what failed.
+// Renames the file to PATH.1 under its lock, unless another process holds the lock or has just renamed
+// it. Returns 0 or an errno value.
 int SetAside(const OpenFile& full)
 {
     if (Uninterrupted([&] { return flock(full.descriptor.Get(), LOCK_EX | LOCK_NB); }) != 0)
@@ -104,7 +103,7 @@ int SetAside(const OpenFile& full)
     return isOurs && std::rename(full.path.c_str(), (full.path + ".1").c_str()) != 0 ? errno : 0;
 }
 
-// While it lives, a write to a pipe that nobody reads fails and raises no signal in this thread.
+// During its lifetime, writing to a pipe without a reader fails and raises no signal.
 class SigpipeBlock
 {
 public:
@@ -123,7 +122,7 @@ public:
     {
         const timespec now{};
         if (!m_wasPending)
-            sigtimedwait(&m_sigpipe, nullptr, &now); // takes the signal of a failed write
+            sigtimedwait(&m_sigpipe, nullptr, &now); // consumes the signal of a failed write
         pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
     }
 
@@ -133,7 +132,7 @@ private:
     bool m_wasPending = false;
 };
 
-// How much of `text` could not be written; errno says why.
+// Returns how many bytes could not be written; errno has the reason.
 std::size_t WriteAll(int descriptor, std::string_view text)
 {
     while (!text.empty())
@@ -147,12 +146,11 @@ std::size_t WriteAll(int descriptor, std::string_view text)
     return text.size();
 }
 
-// Whether the last line of this process was cut short, by a full disk say: what follows must not be
-// taken for a part of it. (A look at the file's last byte would tell it of other processes' lines too,
-// but also catch them in the middle of a write.)
+// Whether the last line of this process was truncated, for example by a full disk. The next line then
+// begins with a line end. (The file's last byte does not tell: another process may be writing.)
 std::atomic<bool> g_cutShort{false};
 
-// One write, so that the lines are appended whole, whoever else is writing. 0, or the errno.
+// Writes with one call, so that lines of several processes do not mix. Returns 0 or an errno value.
 int WriteLines(int descriptor, std::string_view lines)
 {
     const bool wasCutShort = g_cutShort.exchange(false);
@@ -188,7 +186,7 @@ int znlib::AppendLines(const std::string& path, std::string_view lines, unsigned
     int error = 0;
     if (IsFullWith(file, lines.size(), maxSizeBytes))
     {
-        // A file that cannot be set aside goes on growing: no line is lost for it.
+        // If the file cannot be renamed, it continues to grow; no line is lost.
         error = SetAside(log);
         log = OpenLog(path);
         if (!log.descriptor.IsOpen())

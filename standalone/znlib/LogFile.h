@@ -1,7 +1,7 @@
-// The file under the log: whole lines of many threads and processes, set aside when it has grown large.
+// The log file: appends whole lines from several threads and processes, and rotates.
 //
-// It is our own because no packaged log library that we know of appends from several processes to one
-// file and rotates it without losing lines, and keeps hostile text in one line.
+// No packaged log library that we found appends to one file from several processes and rotates it
+// without losing lines.
 #pragma once
 
 #include <string>
@@ -10,15 +10,15 @@
 namespace znlib
 {
 
-// Appends `lines`, each with its line end, in one write to `path` ("-" is standard error). Before the
-// file grows past `maxSizeBytes` (0 is no limit) it is renamed to PATH.1, over an older one, unless
-// another process is just doing so. Nothing is kept open between two calls: another process may rename
-// or remove the file at any time.
+// Appends `lines`, each with its line end, in one write to `path` ("-": standard error). If the file
+// would exceed `maxSizeBytes` (0: no limit), it is first renamed to PATH.1, replacing an older one,
+// unless another process holds its lock. The file is opened for each call: other processes may rename
+// or remove it.
 //
-// A symbolic link is followed only if root or the user of this process owns it; another one is an error
-// (ELOOP). Never blocks but on standard error, and never raises SIGPIPE.
+// Follows symbolic links of root and of this process's user only; others are an error (ELOOP). Blocks
+// on standard error only. Does not raise SIGPIPE.
 //
-// Returns 0, or the errno of what failed. Thread-safe, and safe among processes.
+// Returns 0 or an errno value. Safe among threads and processes.
 int AppendLines(const std::string& path, std::string_view lines, unsigned long long maxSizeBytes);
 
 } // namespace znlib

@@ -21,7 +21,7 @@ namespace
 
 using znhost::OperatingSystem;
 
-// "9.3" is release 9, "5 (Tikanga)" release 5; 0 when no number stands in front.
+// "9.3" -> 9, "5 (Tikanga)" -> 5, "stream" -> 0
 std::int32_t MajorRelease(const std::string& version)
 {
     std::int32_t release = 0;
@@ -29,7 +29,7 @@ std::int32_t MajorRelease(const std::string& version)
     return release;
 }
 
-// Others of the family say so in ID_LIKE; of these, some releases have none.
+// Some members of the family have no ID_LIKE in some releases.
 bool IsRedHatFamily(const std::string& id, const std::string& idLike)
 {
     constexpr std::string_view kMembers[] = {"almalinux", "centos", "fedora",    "ol",
@@ -50,7 +50,7 @@ OperatingSystem ParseOsRelease(const std::string& text)
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);)
     {
-        // A comment does no harm: at most, it sets a name that begins with '#'.
+        // A comment with a "=" only sets a name that begins with '#'.
         const std::size_t equals = line.find('=');
         if (equals == std::string::npos)
             continue;
@@ -72,8 +72,8 @@ OperatingSystem ParseRedHatRelease(const std::string& text)
     return {kRedHatFamily, MajorRelease(line.substr(at + marker.size()))};
 }
 
-// Other threads read the globals without a lock, right after their own call of the detector: each call
-// finds the value there or is the only one to write it.
+// Other threads read the globals without a lock after their own call of the detector. So a value is
+// written by one thread only, and each call synchronizes with that write.
 void StoreIfChanged(std::int32_t& global, std::int32_t value)
 {
     std::int32_t known = __atomic_load_n(&global, __ATOMIC_ACQUIRE);

@@ -1,4 +1,4 @@
-// What the running system says of itself: the reader behind detectOSType().
+// Reads the release files of a system, for detectOSType().
 //
 // Thread-safety: any number of threads may read at once.
 #pragma once
@@ -12,14 +12,14 @@ namespace znhost
 // The values of g_iOsType and g_iOsVersion.
 struct OperatingSystem
 {
-    std::int32_t family = 0;  // 1 for the Red Hat family
-    std::int32_t release = 0; // the major release; 0 when it is not stated as a number
+    std::int32_t family = 0;  // 1: Red Hat family
+    std::int32_t release = 0; // major release; 0 if it is not a number
 };
 
-// Reads the system whose root folder is `root`: etc/os-release, or usr/lib/os-release, or, for releases
-// that had neither, etc/redhat-release. The first that is there decides. All zero without any.
+// Reads the first existing file of etc/os-release, usr/lib/os-release and, for old releases,
+// etc/redhat-release below `root`. Both members are 0 if none exists.
 //
-// Throws std::runtime_error, which says why, when that file cannot be read.
+// Throws std::runtime_error with the reason if the file exists but cannot be read.
 OperatingSystem ReadOperatingSystem(const std::filesystem::path& root);
 
 } // namespace znhost

@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-// The stand-alone host has one focus: the program that it is part of.
+// The stand-alone host has one focus: the program.
 const char* ZNPI_Focus::getFocus()
 {
     return program_invocation_short_name;

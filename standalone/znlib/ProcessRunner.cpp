@@ -25,11 +25,11 @@ using znlib::Uninterrupted;
 namespace
 {
 
-// The result of a run without an exit status. The error output says why.
+// Result of a run without exit status; the error output has the reason.
 constexpr int kFailedRun = -1;
 
-// Makes room for `size` bytes in `text`, at least twice as much as it had. What a tool reports may be
-// secret: no buffer goes back to the heap with its contents.
+// Grows the capacity to `size`, at least by a factor of two. Output may contain a secret, so the old
+// buffer is wiped before it is freed.
 void ReserveWiping(std::string& text, size_t size)
 {
     if (size <= text.capacity())
@@ -41,12 +41,12 @@ void ReserveWiping(std::string& text, size_t size)
     text.swap(grown);
 }
 
-// A command line, cut at its blanks, the space character. Blanks that follow each other count as one,
-// and those at the ends as none: there are no empty words. It may hold a secret, so it is wiped.
+// A command line, split at spaces. There are no empty words. The line may contain a secret, so it is
+// wiped.
 class Words
 {
 public:
-    // `line` may be null, which is an empty line.
+    // A null `line` is an empty line.
     explicit Words(const char* line) : m_line(line == nullptr ? "" : line)
     {
         char* const end = m_line.data() + m_line.size();
@@ -64,9 +64,9 @@ public:
     Words& operator=(const Words&) = delete;
     ~Words() { Wipe(m_line); }
 
-    // The path of the tool; null if there is no word at all.
+    // The first word, or null if there is none.
     const char* Tool() const { return m_words.front(); }
-    // All words, the tool first; a null ends them.
+    // All words, ended by a null.
     char* const* All() const { return m_words.data(); }
 
 private:
@@ -74,7 +74,7 @@ private:
     std::vector<char*> m_words;
 };
 
-// While it lives, a request to cancel this thread waits: no run is given up half-way.
+// Defers a cancellation of this thread to the end of the run.
 class CancellationPause
 {
 public:
@@ -87,7 +87,7 @@ private:
     int m_before = PTHREAD_CANCEL_ENABLE;
 };
 
-// How many bytes lie in `pipe`.
+// How many bytes `pipe` contains.
 size_t CountThere(const Descriptor& pipe)
 {
     int count = 0;
@@ -95,13 +95,13 @@ size_t CountThere(const Descriptor& pipe)
     return static_cast<size_t>(count);
 }
 
-// Appends what one read of `pipe` gives to `text` and returns its size in bytes. Blocks while the pipe
-// is empty; at its end, closes it and returns 0.
+// Appends the bytes of one read from `pipe` to `text` and returns their number. Blocks while the pipe
+// is empty. Closes the pipe at its end.
 size_t ReadSome(Descriptor& pipe, std::string& text)
 {
     constexpr size_t kFullPipe = 65536;
     constexpr int kLargePipe = 1 << 20;
-    // What is there is read to its place at once: a buffer between would be touched, and wiped.
+    // Read directly into `text`: an intermediate buffer would have to be touched and wiped.
     const size_t before = text.size();
     const size_t wanted = std::max<size_t>(CountThere(pipe), 1);
     ReserveWiping(text, before + wanted);
@@ -110,14 +110,13 @@ size_t ReadSome(Descriptor& pipe, std::string& text)
     text.resize(before + static_cast<size_t>(std::max<ssize_t>(count, 0)));
     if (Checked(count, "cannot read its output") == 0)
         pipe.Close();
-    // A tool with much to say and this process take turns less often with more room between them.
+    // A larger pipe saves context switches between this process and a tool with much output.
     else if (wanted == kFullPipe)
         static_cast<void>(fcntl(pipe.Get(), F_SETPIPE_SZ, kLargePipe));
     return text.size() - before;
 }
 
-// Appends what lies in `pipe` to `text`, but nothing that is written later: there may be no end of
-// that.
+// Appends what `pipe` contains now. A daemon that the tool left behind may write for ever.
 void ReadRest(Descriptor& pipe, std::string& text)
 {
     const size_t wanted = text.size() + (pipe.IsOpen() ? CountThere(pipe) : 0);
@@ -126,19 +125,19 @@ void ReadRest(Descriptor& pipe, std::string& text)
     }
 }
 
-// Reads both streams until `child` has ended. Its end decides, not that of the pipes: a daemon that it
-// leaves behind may hold these open.
+// Reads both streams until `child` has ended. The end of the pipes is not awaited: a daemon that the
+// tool left behind may keep them open.
 void CaptureUntilEnd(ChildProcess& child, std::string& output, std::string& errorOutput)
 {
     constexpr int kMaxPauseMs = 50;
-    int pauseMs = 1; // between two looks at a child that has no event for its end
+    int pauseMs = 1; // for kernels without an event for the child's end
     for (bool hasEnded = false; !hasEnded;)
     {
         pollfd events[] = {{child.Output().Get(), POLLIN, 0},
                            {child.ErrorOutput().Get(), POLLIN, 0},
                            {child.EndEvent().Get(), POLLIN, 0}};
         const int timeoutMs = child.EndEvent().IsOpen() ? -1 : pauseMs;
-        // A signal ends the pause as well: begun anew after each, it might never end.
+        // EINTR ends the pause too: restarted after each signal, it might never end.
         if (poll(events, std::size(events), timeoutMs) < 0 && errno != EINTR)
             throw std::system_error(errno, std::generic_category(), "cannot wait for its end");
         if (events[0].revents != 0)
@@ -153,8 +152,7 @@ void CaptureUntilEnd(ChildProcess& child, std::string& output, std::string& erro
     ReadRest(child.ErrorOutput(), errorOutput);
 }
 
-// What there is to say about a run beyond the tool's own words; nothing about a success, or about a
-// failure that the tool has explained.
+// The sentence for a failure that the tool itself has not explained; else empty.
 std::string DescribeEnd(const std::string& tool, const ChildEnd& end, const std::string& errorOutput)
 {
     if (end.signal != 0)
@@ -176,7 +174,7 @@ void AppendLine(std::string& text, const std::string& line)
     text.append(text.empty() || text.back() == '\n' ? "" : "\n").append(line);
 }
 
-// As ZnProcess::system, for a line that has words. Throws when the tool cannot be started or read.
+// ZnProcess::system for a line that is not empty. Throws if the tool cannot be started or read.
 int Run(const Words& words, std::string& output, std::string& errorOutput)
 {
     if (*words.Tool() != '/')
@@ -195,7 +193,7 @@ int ZnProcess::system(const char* command, std::string* output, std::string* err
                       int /*reserved*/, bool /*reserved*/)
 {
     const CancellationPause pause;
-    znhost::FlushLog(); // whoever watches the log sees what a tool that hangs was told
+    znhost::FlushLog(); // if the tool hangs, its command line is in the file
     Wipe(*output);
     Wipe(*errorOutput);
     const Words words(command);

@@ -5,8 +5,8 @@
 #include "standalone/znlib/Text.h"
 #include "standalone/znlib/TextFile.h"
 
-// Property tree's parser, since the small C readers cut long lines and section names, and take " ;" for
-// a comment inside quotes too.
+// Boost's parser: the small C libraries truncate long lines and section names, and cut a comment at "
+// ;" also inside quotes.
 #include <boost/property_tree/ini_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 
@@ -25,8 +25,8 @@ using boost::property_tree::ptree;
 // nRetryCounter = 3
 // VolumeKey = "Volume: "
 //
-// Sections hold keys, and neither nests, whatever dots and slashes their names have. Throws
-// ini_parser_error when `text` is anything else.
+// Sections contain keys. Dots and slashes in names have no meaning. Throws ini_parser_error if `text`
+// is malformed.
 ptree ParseRegistry(const std::string& text)
 {
     ptree registry;
@@ -35,7 +35,7 @@ ptree ParseRegistry(const std::string& text)
     return registry;
 }
 
-// By find(): get() would take a name for a path and split it at its dots.
+// find() and not get(), which would split a name at its dots.
 std::optional<std::string> FindValue(const ptree& registry, const std::string& section,
                                      const std::string& key)
 {

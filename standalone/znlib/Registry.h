@@ -1,5 +1,4 @@
-// The registry's store: an INI file, read anew at every use, so that a change holds from the next use
-// on.
+// The registry: an INI file, read at every use.
 //
 // Thread-safety: any number of threads may read at once.
 #pragma once
@@ -10,16 +9,14 @@
 namespace znhost
 {
 
-// The path of the registry's file: the environment variable ZN_REGISTRY, or
-// /etc/zniscsi/registry.ini where that is unset or empty.
+// Returns the path of the file: ZN_REGISTRY, or /etc/zniscsi/registry.ini if that is unset or empty.
 std::string RegistryFile();
 
-// The value `key` of `section`, never empty; one in double quotes comes without them, its blanks kept.
-// Nothing when the file, the section or the key is not there, or the key is set to nothing.
+// Returns the value `key` of `section`, without enclosing double quotes. Nothing if file, section or
+// key do not exist, or the value is empty.
 //
-// When the file is there and can't be read as an INI file, the result is nothing too and `error` gets
-// the whole sentence; otherwise `error` is emptied. No log line is written: the log itself reads its
-// settings here.
+// If the file exists but is not a readable INI file, returns nothing and sets `error` to a sentence;
+// otherwise clears `error`. Does not log: the log reads its settings here.
 std::optional<std::string> ReadRegistryValue(const std::string& section, const std::string& key,
                                              std::string& error);
 

@@ -23,17 +23,17 @@ bool IsPlain(char c)
     return Byte(c) >= 0x20 && Byte(c) < 0x7f && c != '\\';
 }
 
-// How many plain characters are at the beginning of `text`.
+// The number of plain characters at the beginning of `text`.
 std::size_t CountPlain(std::string_view text)
 {
     return static_cast<std::size_t>(std::find_if_not(text.begin(), text.end(), IsPlain) - text.begin());
 }
 
-// The character at the beginning of `text`. Nothing when it is not well-formed: cut short, longer than
-// it needs to be, a surrogate, or above U+10FFFF.
+// Decodes the first character. Nothing if it is not valid UTF-8: truncated, overlong, a surrogate, or
+// above U+10FFFF.
 std::optional<Character> Decode(std::string_view text)
 {
-    constexpr std::array<char32_t, 5> kLowest{0, 0, 0x80, 0x800, 0x10000}; // by length
+    constexpr std::array<char32_t, 5> kLowest{0, 0, 0x80, 0x800, 0x10000}; // of each length
     const unsigned char first = Byte(text.front());
     if (first < 0x80)
         return Character{1, first};
@@ -55,8 +55,8 @@ std::optional<Character> Decode(std::string_view text)
     return Character{length, code};
 }
 
-// Control characters, and the format characters of Unicode: invisible ones, those that reorder their
-// neighbours, line and paragraph separators.
+// Control and format characters of Unicode: invisible ones, bidirectional controls, line and paragraph
+// separators.
 bool IsHidden(char32_t code)
 {
     struct Range

@@ -1,4 +1,4 @@
-// Text from outside on its way to a log, a terminal or JSON, and numbers as people write them.
+// Escaping of untrusted text for the log, terminals and JSON, and parsing of decimal numbers.
 //
 // Thread-safety: the functions share nothing.
 #pragma once
@@ -12,17 +12,16 @@
 namespace znhost
 {
 
-// Appends `text` to `line` as valid UTF-8 that stays in one line, drives no terminal and hides nothing:
-// control characters, bytes that are not UTF-8, and characters that are invisible or change the order
-// of others are written as escapes (\n, \x1b, \xe2\x80\xae). A backslash is doubled, so that two
-// different texts never look the same.
+// Appends `text` to `line` with escapes (\n, \x1b, \xe2\x80\xae) for control characters, bytes that are
+// not UTF-8, and characters that are invisible or reorder others. The result is valid UTF-8 in one
+// line. Backslashes are doubled, so that different texts stay different.
 void AppendPrintable(std::string& line, std::string_view text);
 
-// `text` in that form.
+// Returns `text` in that form.
 std::string Printable(std::string_view text);
 
-// The decimal number that `text` is, with or without a sign and with nothing before or behind it.
-// Nothing when it is no number, or not one of `Number`'s range.
+// Parses a decimal number with an optional sign. Nothing if `text` contains anything else, or the
+// number is out of the range of `Number`.
 template <class Number>
 std::optional<Number> ParseNumber(std::string_view text)
 {

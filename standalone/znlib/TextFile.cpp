@@ -16,10 +16,10 @@ namespace
     throw std::runtime_error("cannot read " + file + ": " + reason);
 }
 
-// Nothing when errno says that there is no such file, and throws when it says anything else.
+// Returns nothing if errno means that there is no such file. Throws otherwise.
 std::nullopt_t NothingOrThrow(const std::string& file)
 {
-    // ENODEV: the device of an attribute of sysfs went after the file was opened.
+    // ENODEV: sysfs removed the device after the attribute was opened.
     if (errno != ENOENT && errno != ENOTDIR && errno != ENODEV)
         Throw(file, std::generic_category().message(errno));
     return std::nullopt;

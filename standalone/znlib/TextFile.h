@@ -1,4 +1,4 @@
-// Small files as text: settings, release files, attributes of sysfs.
+// Reads small files: settings, release files, sysfs attributes.
 //
 // Thread-safety: the functions share nothing.
 #pragma once
@@ -10,11 +10,10 @@
 namespace znhost
 {
 
-// The text of `file`. Nothing when there is no such file, or its device has gone; that it cannot be
-// read for any other reason says nothing about that.
+// Returns the contents of `file`, or nothing if there is no such file or its device has vanished.
 //
-// Throws std::runtime_error, "cannot read FILE: REASON", when it cannot be read or holds more than
-// `maxBytes`.
+// Throws std::runtime_error, "cannot read FILE: REASON", for any other error, or if the file has more
+// than `maxBytes`.
 std::optional<std::string> ReadTextFile(const std::string& file, std::size_t maxBytes = 1 << 20);
 
 } // namespace znhost

@@ -1,2 +1,1 @@
-// A host with snapshots has its handlers here. The stand-alone host takes none; the library exists so
-// that the load order holds.
+// The stand-alone host has no snapshot handlers. libZnISCSI.so needs this library by name.
