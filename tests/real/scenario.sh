@@ -14,7 +14,12 @@ step() { printf '%s\t%s\t%s\n' "${@//iqn.2025-01.org.example:/}" >>/out/steps; }
 # settle SECONDS CONDITION...: waits for the system; a wait in vain is a step that differs.
 settle() { await "$@" || step "wait: ${*:2}" "within $1 s" "in vain"; }
 
-zniscsi() { LD_LIBRARY_PATH=/build/lib timeout -k 5 100 /build/bin/zniscsi "$@"; }
+# With the loader and the C library of the machine that built it: the guest's may be older.
+zniscsi()
+{
+    timeout -k 5 100 /programs/ld-linux-x86-64.so.2 --library-path /programs /programs/zniscsi "$@"
+}
+
 one_line() { paste -sd' '; }
 
 # agent ARGUMENT...: runs it; `came` is its exit status and its output, in one line.
@@ -87,8 +92,10 @@ target_of()
     echo "$(address_of "$(sessions "$iqn" | head -n 1)") $iqn"
 }
 
-recorded() { (cd /etc/iscsi/nodes && printf '%s\n' ./*/"$1",3260,1 | cut -d/ -f2 | sort | one_line); }
-is_recorded() { [ -e "/etc/iscsi/nodes/$2/$1,3260,1" ] && echo recorded || echo "not recorded"; }
+# The node database: Debian has moved it between releases.
+nodes() { find /etc/iscsi /var/lib/iscsi -maxdepth 1 -name nodes 2>/dev/null; }
+recorded() { find "$(nodes)" -path "*/$1,3260,1" | wc -l; }
+is_recorded() { [ -e "$(nodes)/$2/$1,3260,1" ] && echo recorded || echo "not recorded"; }
 holders() { grep -rlF -e "$1" /written/upper /out | sed 's|^/written/upper||' | sort | one_line; }
 paths() { multipath -ll mpatha | grep -c 'active ready running'; }
 has_paths() { [ "$(paths)" = "$1" ]; }
@@ -97,12 +104,14 @@ all_logged_in() { ! grep -qv LOGGED_IN /sys/class/iscsi_session/*/state; }
 some_failed() { ! all_logged_in; }
 read_block() { dd if="$1" of=/dev/null bs=4096 count=1 iflag=direct status=none && echo readable; }
 
+printf 'seen\t%s\t%s\n' "$(iscsiadm --version 2>&1 | grep -o '[^ ]*$')" "$(uname -r)" >>/out/steps
+
 # --- discovery and log-on
 
-for portal in "$portal1" "$portal2"; do
+for portal in $portal1 $portal2; do
     agent discover "$portal"
-    step "discover $portal" "0 chap multi plain, recorded: chap multi plain" \
-        "${came%% *} $(sort /tmp/stdout | one_line), recorded: $(recorded "$portal")"
+    step "discover $portal" "0 chap multi plain, 3 recorded" \
+        "${came%% *} $(sort /tmp/stdout | one_line), $(recorded "$portal") recorded"
 done
 refused "Connection refused" discover $portal1:3261
 step "discover at a port that is refused" "refused: Connection refused" "$came"
@@ -120,12 +129,12 @@ refused "No records found" logon 192.0.2.77 $plain
 step "log on where there is no record" "refused: No records found, 1 session" \
     "$came, $(count $plain) session"
 
-refused "authorization failure" logon $portal1 $chap
-step "CHAP, no secret" "refused: authorization failure, 0 sessions" "$came, $(count $chap) sessions"
-refused "authorization failure" logon $portal1 $chap --chap-user $chap_user \
+unauthorized="authorization failure"
+refused "$unauthorized" logon $portal1 $chap
+step "CHAP, no secret" "refused: $unauthorized, 0 sessions" "$came, $(count $chap) sessions"
+refused "$unauthorized" logon $portal1 $chap --chap-user $chap_user \
     --chap-secret-stdin <<<"$wrong_secret"
-step "CHAP, a wrong secret" "refused: authorization failure, 0 sessions" \
-    "$came, $(count $chap) sessions"
+step "CHAP, a wrong secret" "refused: $unauthorized, 0 sessions" "$came, $(count $chap) sessions"
 agent logon $portal1 $chap --chap-user $chap_user --chap-secret-file <(echo $chap_secret)
 step "CHAP, the right secret" "0 logged on, 1 session" "$came, $(count $chap) session"
 
@@ -248,6 +257,6 @@ step "initiator daemon down: doctor" "0 iscsid is not seen to listen" \
 # --- the secret: all files written since the guest was started
 
 step "files that hold the secret: its node record" \
-    "/etc/iscsi/nodes/$chap/$portal1,3260,1/default" "$(holders $chap_secret)"
+    "$(nodes)/$chap/$portal1,3260,1/default" "$(holders $chap_secret)"
 step "files that hold the wrong secret" "" "$(holders $wrong_secret)"
 echo end >>/out/steps
