@@ -23,7 +23,8 @@ terminal() {
 # keys WORDS KEYS [TIMES]: the keys that a person presses on seeing WORDS in the terminal, TIMES over.
 keys() {
     for _ in $(seq 1000); do
-        [ "$(grep -s "$1" screen | wc -l)" -lt "${3:-1}" ] || break
+        seen=$(grep -cs "$1" screen)
+        [ "${seen:-0}" -lt "${3:-1}" ] || break
         sleep 0.02
     done
     printf '%b' "$2"
