@@ -3,7 +3,7 @@
 // Thread-safety: any number of threads may use one tree at once; it holds nothing but its two roots.
 #pragma once
 
-#include "host/ZnDeviceTree.h"
+#include "../../host/ZnDeviceTree.h"
 
 #include <filesystem>
 #include <optional>
