@@ -33,6 +33,7 @@ foreach(header
   cmake_path(GET header PARENT_PATH folder)
   install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zniscsi/${folder} COMPONENT devel)
 endforeach()
+install(FILES docs/hosts.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT devel)
 
 # find_package(zniscsi): zniscsi::ZnISCSI, the library, and zniscsi::host, the stand-alone host.
 include(CMakePackageConfigHelpers)
