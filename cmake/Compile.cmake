@@ -20,6 +20,12 @@ set(CMAKE_BUILD_RPATH_USE_ORIGIN ON) # a build folder can be moved, into a virtu
 option(ZN_WERROR "Make every warning an error" OFF)
 set(ZN_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize takes them")
 
+# The same file from any folder. Debug builds keep the folders' names, for the debugger.
+if(CMAKE_BUILD_TYPE MATCHES "^(Release|MinSizeRel)$")
+  add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.)
+endif()
+add_link_options(-Wl,--build-id)
+
 find_package(Threads REQUIRED)
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion

@@ -7,9 +7,9 @@ mkdir -p "$log_folder"
 
 # One run at a time in a clone: both scripts build and write below build/. What a killed run leaves behind, a
 # compiler say, has inherited the descriptor, and the next run waits for that, too.
-exec 8>build/lock
+[ /proc/self/fd/8 -ef build/lock ] || exec 8>build/lock # test.sh runs package.sh under its own lock
 flock -n 8 || {
-    echo "waiting for another demo.sh or test.sh of this clone to end"
+    echo "waiting for another script of this clone to end"
     flock 8
 }
 
@@ -34,6 +34,7 @@ debian_packages() { # GROUP
     build) echo g++ cmake ninja-build libboost-dev libcli11-dev nlohmann-json3-dev ;;
     tests) echo libgtest-dev libgmock-dev ;;
     lint) echo shellcheck clang-tidy ;;
+    packages) echo clang dpkg-dev file lintian pkg-config rpm rpmlint ;;
     esac
 }
 
