@@ -33,6 +33,7 @@ debian_packages() { # GROUP
     case $1 in
     build) echo g++ cmake ninja-build libboost-dev libcli11-dev nlohmann-json3-dev ;;
     tests) echo libgtest-dev libgmock-dev ;;
+    manual) echo scdoc ;;
     lint) echo shellcheck clang-tidy ;;
     esac
 }
@@ -42,6 +43,7 @@ redhat_packages() { # GROUP
     build) echo gcc-c++ cmake ninja-build boost-devel cli11-devel json-devel ;;
     tests) echo gtest-devel gmock-devel ;;
     sanitizers) echo libasan libubsan libtsan ;;
+    manual) echo scdoc ;;
     lint) echo ShellCheck clang-tools-extra ;;
     esac
 }
@@ -72,8 +74,7 @@ as_root() {
     if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo -n "$@"; fi
 }
 
-# Installs those packages of the groups build, tests, sanitizers and lint that this machine lacks; without the
-# rights it names them and fails.
+# Installs those packages of the groups that this machine lacks; without the rights it names them and fails.
 install_missing() { # GROUP...
     local family group package missing=()
     if command -v dpkg-query >/dev/null && command -v apt-get >/dev/null; then
