@@ -34,6 +34,7 @@ debian_packages() { # GROUP
     build) echo g++ cmake ninja-build libboost-dev libcli11-dev nlohmann-json3-dev ;;
     tests) echo libgtest-dev libgmock-dev ;;
     manual) echo scdoc ;;
+    fleet) echo ansible-core ;;
     lint) echo shellcheck clang-tidy ;;
     esac
 }
@@ -44,6 +45,7 @@ redhat_packages() { # GROUP
     tests) echo gtest-devel gmock-devel ;;
     sanitizers) echo libasan libubsan libtsan ;;
     manual) echo scdoc ;;
+    fleet) echo ansible-core ;;
     lint) echo ShellCheck clang-tools-extra ;;
     esac
 }
