@@ -3,9 +3,9 @@
 # those of this machine's node records and sessions. The package bash-completion need not be loaded, and an agent that
 # is not there offers nothing.
 
-# What the agent says. Asking leaves no line in the log, and a tool that hangs does not hold up the shell.
+# What the agent says. Asking leaves no line in the log, and a tool that hangs is not waited for.
 _zniscsi_ask() { # ARGUMENT...
-    ZN_LOG_FILE=/dev/null timeout 2 "$agent" "$@" 2>/dev/null </dev/null
+    ZN_LOG_FILE=/dev/null timeout 5 "$agent" "$@" 2>/dev/null </dev/null
 }
 
 #   -h,--help               Print this help message and exit
@@ -24,13 +24,12 @@ _zniscsi_arguments() { # COMMAND
     _zniscsi_ask "$1" --help | sed -n 's/^ *Usage: .*\] *//p'
 }
 
-# "PORTAL IQN" a line, of what the command can be used on. A name that a shell would expand is left out: it comes
-# from outside, and what is completed is run.
+# "PORTAL IQN" a line, of what the command can be used on.
 _zniscsi_nodes() { # COMMAND
     case $1 in
     discover | logon | login | forget) _zniscsi_ask records --no-headings ;;
     *) _zniscsi_ask sessions --no-headings | awk '{ print $3, $4 }' ;;
-    esac | grep -xE '[][A-Za-z0-9.:%_-]+ +[A-Za-z0-9.:_-]+'
+    esac
 }
 
 _zniscsi_devices() {
@@ -65,6 +64,7 @@ _zniscsi() {
     # The command, its arguments before the cursor, and the option whose value stands there.
     local word options command='' option='' arguments=() kinds
     options=$(_zniscsi_options)
+    [[ $options ]] || return
     for word in "${words[@]}"; do
         if [[ $option ]]; then
             option=
@@ -99,8 +99,10 @@ _zniscsi() {
         word=${arguments[0]//[\'\"]/}
         candidates=$(_zniscsi_values "${kinds[${#arguments[@]}]}" "$command" "${word%:3260}")
     fi
+    # Names come from outside, and what is completed is run: one that the shell would expand is left out.
+    local plain='^[][A-Za-z0-9.:%_/+-]+$'
     while read -r candidate _; do
-        [[ -z $candidate || $candidate != "$current"* ]] || COMPREPLY+=("$candidate")
+        [[ $candidate != "$current"* || ! $candidate =~ $plain ]] || COMPREPLY+=("$candidate")
     done < <(sort -u <<<"$candidates")
     # What readline replaces begins behind the last colon.
     if [[ $broken == *:* && $current == *:* ]]; then
