@@ -109,7 +109,7 @@ lint_sources() {
 }
 
 install_missing "${packages[@]}"
-install_missing manual || true # without scdoc the manual is not built, and the rest is tested
+install_missing manual || true # without them the manual is not built or not checked
 for preset in "${presets[@]}"; do
     configure "$preset" -DZN_TESTS=ON
     build "$preset"

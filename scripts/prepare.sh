@@ -33,7 +33,7 @@ debian_packages() { # GROUP
     case $1 in
     build) echo g++ cmake ninja-build libboost-dev libcli11-dev nlohmann-json3-dev ;;
     tests) echo libgtest-dev libgmock-dev ;;
-    manual) echo scdoc ;;
+    manual) echo scdoc groff-base ;;
     fleet) echo ansible-core ;;
     lint) echo shellcheck clang-tidy ;;
     esac
@@ -44,7 +44,7 @@ redhat_packages() { # GROUP
     build) echo gcc-c++ cmake ninja-build boost-devel cli11-devel json-devel ;;
     tests) echo gtest-devel gmock-devel ;;
     sanitizers) echo libasan libubsan libtsan ;;
-    manual) echo scdoc ;;
+    manual) echo scdoc groff-base ;;
     fleet) echo ansible-core ;;
     lint) echo ShellCheck clang-tools-extra ;;
     esac
