@@ -47,7 +47,7 @@ make_packages() { # FOLDER OPTION...
     mv build/package/*.deb build/package/*.rpm "$1"
 }
 
-rm -rf $packages build/package/CMakeCache.txt
+rm -rf $packages build/package
 make_packages "$PWD/$packages" -DZN_SIMULATED=ON
 echo "the same from another folder"
 mkdir "$work/again"

@@ -4,6 +4,7 @@
 #   ./test.sh                the tests
 #   ./test.sh --sanitizers   and once more under the address, undefined and thread sanitizers
 #   ./test.sh --real         and then the real initiator against a real target, in a virtual machine
+#   ./test.sh --fleet        and then the playbooks of fleet/ over three simulated machines
 #   ./test.sh --packages     and then the packages, built, installed, tried and removed
 #   ./test.sh --lint         and then shellcheck over all scripts, clang-tidy over what is shipped
 #
@@ -15,6 +16,7 @@ cd "$(dirname "$(realpath "$0")")"
 packages=(build tests)
 presets=(release)
 real=no
+fleet=no
 packages_too=no
 lint=no
 for option in "$@"; do
@@ -24,10 +26,11 @@ for option in "$@"; do
         presets+=(asan tsan)
         ;;
     --real) real=yes ;;
+    --fleet) fleet=yes ;;
     --packages) packages_too=yes ;;
     --lint) lint=yes ;;
     *)
-        sed -n '2,11s/^# \{0,1\}//p' "$0" >&2
+        sed -n '2,12s/^# \{0,1\}//p' "$0" >&2
         exit 2
         ;;
     esac
@@ -109,12 +112,17 @@ lint_sources() {
 }
 
 install_missing "${packages[@]}"
+install_missing manual || true # without them the manual is not built or not checked
 for preset in "${presets[@]}"; do
     configure "$preset" -DZN_TESTS=ON
     build "$preset"
     run_tests "$preset"
 done
 [ "$real" = no ] || check tests/real/run
+if [ "$fleet" = yes ]; then
+    install_missing fleet || true
+    check tests/fleet
+fi
 [ "$packages_too" = no ] || check ./package.sh
 if [ "$lint" = yes ]; then
     install_missing lint || true

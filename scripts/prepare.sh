@@ -33,6 +33,8 @@ debian_packages() { # GROUP
     case $1 in
     build) echo g++ cmake ninja-build libboost-dev libcli11-dev nlohmann-json3-dev ;;
     tests) echo libgtest-dev libgmock-dev ;;
+    manual) echo scdoc groff-base ;;
+    fleet) echo ansible-core ;;
     lint) echo shellcheck clang-tidy ;;
     packages) echo clang dpkg-dev file lintian pkg-config rpm rpmlint ;;
     esac
@@ -43,6 +45,8 @@ redhat_packages() { # GROUP
     build) echo gcc-c++ cmake ninja-build boost-devel cli11-devel json-devel ;;
     tests) echo gtest-devel gmock-devel ;;
     sanitizers) echo libasan libubsan libtsan ;;
+    manual) echo scdoc groff-base ;;
+    fleet) echo ansible-core ;;
     lint) echo ShellCheck clang-tools-extra ;;
     esac
 }
@@ -73,8 +77,7 @@ as_root() {
     if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo -n "$@"; fi
 }
 
-# Installs those packages of the groups build, tests, sanitizers and lint that this machine lacks; without the
-# rights it names them and fails.
+# Installs those packages of the groups that this machine lacks; without the rights it names them and fails.
 install_missing() { # GROUP...
     local family group package missing=()
     if command -v dpkg-query >/dev/null && command -v apt-get >/dev/null; then
