@@ -13,9 +13,9 @@ zniscsi (${CPACK_PACKAGE_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}) unstable; urg
  -- ${CPACK_PACKAGE_CONTACT}  ${date}
 ")
   endforeach()
-  execute_process(COMMAND find ${CPACK_TEMPORARY_DIRECTORY} ( -path */share/man/man* -o -name changelog.Debian ) -type f
-    -exec gzip -9n {} + COMMAND_ERROR_IS_FATAL ANY)
 endif()
+execute_process(COMMAND find ${CPACK_TEMPORARY_DIRECTORY} -type f ( -path */share/man/* -o -name changelog.Debian )
+  -exec gzip -9n {} + COMMAND_ERROR_IS_FATAL ANY)
 
 # The same files under any umask and at any time of building.
 execute_process(COMMAND chmod -R u=rwX,go=rX ${CPACK_TEMPORARY_DIRECTORY} COMMAND_ERROR_IS_FATAL ANY)

@@ -25,8 +25,9 @@ set(CPACK_RPM_FILE_NAME RPM-DEFAULT)
 set(CPACK_RPM_PACKAGE_RELEASE ${CPACK_PACKAGE_RELEASE})
 set(CPACK_RPM_PACKAGE_RELEASE_DIST ON)
 set(CPACK_RPM_PACKAGE_LICENSE LicenseRef-Not-Chosen) # the owner has chosen none
-set(CPACK_RPM_PACKAGE_RELOCATABLE OFF) # settings are read in /etc
-set(CPACK_RPM_PACKAGE_GROUP Unspecified)
+set(CPACK_PACKAGE_RELOCATABLE OFF) # settings are read in /etc
+set(CPACK_RPM_PACKAGE_GROUP "System Environment/Libraries")
+set(CPACK_RPM_AGENT_PACKAGE_GROUP Applications/System)
 set(CPACK_RPM_DEVEL_PACKAGE_GROUP Development/Libraries)
 set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION # the system's, not the packages'
   /usr/share/bash-completion /usr/share/bash-completion/completions
