@@ -68,7 +68,7 @@ as_package_manager() {
     if [ "$(id -u)" -eq 0 ]; then "$@"; else unshare -r "$@"; fi
 }
 in_dpkg() { as_package_manager dpkg --root="$root" --force-depends --log=/dev/null "$@"; }
-in_rpm() { as_package_manager rpm --root "$root" --nodeps "$@"; }
+in_rpm() { as_package_manager rpm --root "$root" --dbpath /var/lib/rpm --nodeps "$@"; }
 install_DEB() { in_dpkg -i $packages/*.deb; }
 install_RPM() { in_rpm -U --replacepkgs $packages/*.rpm; }
 remove_DEB() { in_dpkg -P zniscsi libzniscsi{,-host,-dev}; }
