@@ -4,6 +4,8 @@
 #   ./test.sh                the tests
 #   ./test.sh --sanitizers   and once more under the address, undefined and thread sanitizers
 #   ./test.sh --real         and then the real initiator against a real target, in a virtual machine
+#   ./test.sh --fleet        and then the playbooks of fleet/ over three simulated machines
+#   ./test.sh --packages     and then the packages, built, installed, tried and removed
 #   ./test.sh --lint         and then shellcheck over all scripts, clang-tidy over what is shipped
 #
 # Ends in a line "N passed, N failed", with ", N skipped" and the reasons above it where something cannot
@@ -14,6 +16,8 @@ cd "$(dirname "$(realpath "$0")")"
 packages=(build tests)
 presets=(release)
 real=no
+fleet=no
+packages_too=no
 lint=no
 for option in "$@"; do
     case $option in
@@ -22,9 +26,11 @@ for option in "$@"; do
         presets+=(asan tsan)
         ;;
     --real) real=yes ;;
+    --fleet) fleet=yes ;;
+    --packages) packages_too=yes ;;
     --lint) lint=yes ;;
     *)
-        sed -n '2,10s/^# \{0,1\}//p' "$0" >&2
+        sed -n '2,12s/^# \{0,1\}//p' "$0" >&2
         exit 2
         ;;
     esac
@@ -106,12 +112,18 @@ lint_sources() {
 }
 
 install_missing "${packages[@]}"
+install_missing manual || true # without them the manual is not built or not checked
 for preset in "${presets[@]}"; do
     configure "$preset" -DZN_TESTS=ON
     build "$preset"
     run_tests "$preset"
 done
 [ "$real" = no ] || check tests/real/run
+if [ "$fleet" = yes ]; then
+    install_missing fleet || true
+    check tests/fleet
+fi
+[ "$packages_too" = no ] || check ./package.sh
 if [ "$lint" = yes ]; then
     install_missing lint || true
     check lint_scripts

@@ -4,21 +4,27 @@ set(CMAKE_CXX_STANDARD 17)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
 
+# The names of the libraries carry no version, and some are common ones: they stand in folders that no loader looks
+# into by itself. The stand-alone host's four have one of their own, host, below that of libZnISCSI.so, so that a
+# program that names the latter alone gets none of them. No library has a RUNPATH: programs say where they are.
+set(library_folder ${CMAKE_INSTALL_LIBDIR}/zniscsi)
+set(host_folder ${library_folder}/host)
+
 # The build folder is laid out as the installed tree: one RUNPATH serves both. Where CMake has to rewrite one,
 # it makes room with colons, and an empty element is the current folder.
-file(RELATIVE_PATH to_libraries ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+file(RELATIVE_PATH to_libraries ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR}/zniscsi)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 get_filename_component(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin/${to_libraries} ABSOLUTE)
 set(CMAKE_BUILD_RPATH_USE_ORIGIN ON) # a build folder can be moved, into a virtual machine say
-set(library_rpath $ORIGIN)
-set(program_rpath $ORIGIN/${to_libraries})
-if(DEFINED CMAKE_INSTALL_RPATH) # the packager's own
-  set(library_rpath ${CMAKE_INSTALL_RPATH})
-  set(program_rpath ${CMAKE_INSTALL_RPATH})
-endif()
 
 option(ZN_WERROR "Make every warning an error" OFF)
 set(ZN_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize takes them")
+
+# The same file from any folder. Debug builds keep the folders' names, for the debugger.
+if(CMAKE_BUILD_TYPE MATCHES "^(Release|MinSizeRel)$")
+  add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.)
+endif()
+add_link_options(-Wl,--build-id)
 
 find_package(Threads REQUIRED)
 
@@ -48,14 +54,22 @@ if(ZN_FUZZ)
 endif()
 include(cmake/Harden.cmake)
 
-# A library of the stand-alone host: what it exports is listed in its version script.
-function(zn_host_library name script)
+# A shared library that is installed in `folder`: what it exports is listed in its version script, NAME.map.
+function(zn_library name folder component)
+  set(script ${CMAKE_CURRENT_SOURCE_DIR}/${name}.map)
   add_library(${name} SHARED ${ARGN})
-  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
-  target_link_options(${name} PRIVATE
-    -Wl,--version-script=${CMAKE_CURRENT_SOURCE_DIR}/${script})
-  set_target_properties(${name} PROPERTIES LINK_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${script})
-  install(TARGETS ${name} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  add_library(zniscsi::${name} ALIAS ${name})
+  target_include_directories(${name} PUBLIC
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  target_link_options(${name} PRIVATE -Wl,--version-script=${script})
+  set_target_properties(${name} PROPERTIES LINK_DEPENDS ${script})
+  install(TARGETS ${name} EXPORT zniscsi LIBRARY DESTINATION ${folder} COMPONENT ${component})
+endfunction()
+
+# A library of the stand-alone host.
+function(zn_host_library name)
+  zn_library(${name} ${host_folder} host ${ARGN})
+  set_target_properties(${name} PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/host)
 endfunction()
 
 # A test program: GoogleTest cases, each one a test of CTest.

@@ -1,7 +1,7 @@
 // The error object of the host's utility library.
 #pragma once
 
-#include "host/SP.h"
+#include "SP.h"
 
 #include <cstdint>
 

@@ -32,7 +32,7 @@ public:
         __attribute__((format(printf, 5, 6)));
 
 private:
-    [[maybe_unused]] EvDebugFileInstance* m_instance;
+    EvDebugFileInstance* m_instance __attribute__((unused));
 };
 
 // The log object of one call of a function.

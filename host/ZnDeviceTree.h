@@ -3,8 +3,8 @@
 // Thread-safety: any number of threads may look devices up at once; what they get is their own.
 #pragma once
 
-#include "host/CHxError.h"
-#include "host/SP.h"
+#include "CHxError.h"
+#include "SP.h"
 
 #include <list>
 #include <string>

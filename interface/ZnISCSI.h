@@ -14,12 +14,14 @@
 // long as none of them calls SetLogging meanwhile. A call blocks while an administration tool runs.
 #pragma once
 
-#include "host/EvDebug.h"
+#include "../host/EvDebug.h"
 
 #include <list>
 #include <string>
 
 #pragma GCC visibility push(default)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor" // there is none, for the dispatch order's sake
 
 // The order of the virtual functions is a contract with every host that calls them; nothing virtual, a
 // destructor included, may come before or between them.
@@ -86,4 +88,5 @@ public:
 // Makes an instance, or answers null when this host is not Red Hat family release 5 or later.
 extern "C" ZnISCSI* GetInstance();
 
+#pragma GCC diagnostic pop
 #pragma GCC visibility pop

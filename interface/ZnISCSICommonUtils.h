@@ -1,9 +1,11 @@
 // What every instance has, whatever the platform: its job identifier and the agent's registry settings.
 #pragma once
 
-#include "interface/ZnISCSI.h"
+#include "ZnISCSI.h"
 
 #pragma GCC visibility push(default)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor" // there is none, for the dispatch order's sake
 
 class ZnISCSICommonUtils : public ZnISCSI
 {
@@ -29,4 +31,5 @@ protected:
     unsigned long long m_jobId = 0;
 };
 
+#pragma GCC diagnostic pop
 #pragma GCC visibility pop

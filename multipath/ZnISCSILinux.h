@@ -2,12 +2,14 @@
 // device.
 #pragma once
 
-#include "interface/ZnISCSICommonUtils.h"
+#include "../interface/ZnISCSICommonUtils.h"
 
 #include <string>
 #include <vector>
 
 #pragma GCC visibility push(default)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor" // there is none, for the dispatch order's sake
 
 // One volume of an ehcmcli status report. Values stand as in the report, nothing trimmed.
 struct DellMPIOSessionInfo
@@ -39,4 +41,5 @@ public:
                                              std::vector<std::string>& physicalDevices);
 };
 
+#pragma GCC diagnostic pop
 #pragma GCC visibility pop

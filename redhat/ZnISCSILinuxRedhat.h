@@ -4,13 +4,15 @@
 // Thread-safety: as the interface; the free functions and the parser share nothing.
 #pragma once
 
-#include "multipath/ZnISCSILinux.h"
+#include "../multipath/ZnISCSILinux.h"
 
 #include <list>
 #include <string>
 #include <vector>
 
 #pragma GCC visibility push(default)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor" // there is none, for the dispatch order's sake
 
 class ZnISCSILinuxRedhat : public ZnISCSIUnix
 {
@@ -64,4 +66,5 @@ struct iSSCSISessionInfo
 // true; text that breaks off yields what stands before the break. Takes time linear in the report.
 bool ParseIscsiadmSessionInfoOutput(const std::string& report, std::vector<iSSCSISessionInfo>& records);
 
+#pragma GCC diagnostic pop
 #pragma GCC visibility pop

@@ -7,9 +7,9 @@ mkdir -p "$log_folder"
 
 # One run at a time in a clone: both scripts build and write below build/. What a killed run leaves behind, a
 # compiler say, has inherited the descriptor, and the next run waits for that, too.
-exec 8>build/lock
+[ /proc/self/fd/8 -ef build/lock ] || exec 8>build/lock # test.sh runs package.sh under its own lock
 flock -n 8 || {
-    echo "waiting for another demo.sh or test.sh of this clone to end"
+    echo "waiting for another script of this clone to end"
     flock 8
 }
 
@@ -33,7 +33,10 @@ debian_packages() { # GROUP
     case $1 in
     build) echo g++ cmake ninja-build libboost-dev libcli11-dev nlohmann-json3-dev ;;
     tests) echo libgtest-dev libgmock-dev ;;
+    manual) echo scdoc groff-base ;;
+    fleet) echo ansible-core ;;
     lint) echo shellcheck clang-tidy ;;
+    packages) echo clang dpkg-dev file lintian pkg-config rpm rpmlint ;;
     esac
 }
 
@@ -42,6 +45,8 @@ redhat_packages() { # GROUP
     build) echo gcc-c++ cmake ninja-build boost-devel cli11-devel json-devel ;;
     tests) echo gtest-devel gmock-devel ;;
     sanitizers) echo libasan libubsan libtsan ;;
+    manual) echo scdoc groff-base ;;
+    fleet) echo ansible-core ;;
     lint) echo ShellCheck clang-tools-extra ;;
     esac
 }
@@ -72,8 +77,7 @@ as_root() {
     if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo -n "$@"; fi
 }
 
-# Installs those packages of the groups build, tests, sanitizers and lint that this machine lacks; without the
-# rights it names them and fails.
+# Installs those packages of the groups that this machine lacks; without the rights it names them and fails.
 install_missing() { # GROUP...
     local family group package missing=()
     if command -v dpkg-query >/dev/null && command -v apt-get >/dev/null; then

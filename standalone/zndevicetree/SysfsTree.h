@@ -3,7 +3,7 @@
 // Thread-safety: any number of threads may use one tree at once. It stores its two roots only.
 #pragma once
 
-#include "host/ZnDeviceTree.h"
+#include "../../host/ZnDeviceTree.h"
 
 #include <filesystem>
 #include <optional>

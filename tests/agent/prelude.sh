@@ -30,6 +30,14 @@ keys() {
     printf '%b' "$2"
 }
 
+# offers LINE...: what bash offers for the last word of each, however long that takes.
+offers() {
+    for line; do
+        bash -c '. "$0"; timeout() { "${@:2}"; }; COMP_WORDBREAKS=" :" COMP_LINE=$1 COMP_POINT=${#1}
+            _zniscsi; echo "${COMPREPLY[@]}"' "$source/completion/zniscsi.bash" "$line"
+    done
+}
+
 # A machine in the machine.
 machine() {
     "$source/simulated/machine" --tools "$tools" "$@"

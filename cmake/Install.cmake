@@ -1,0 +1,49 @@
+# What is installed beside the targets, for an administrator and for developers.
+
+# Only a prefix of /usr has its settings in /etc, where they are read. Elsewhere this is a file to copy.
+set(settings_folder ${CMAKE_INSTALL_SYSCONFDIR}/zniscsi)
+if(CMAKE_INSTALL_PREFIX STREQUAL /usr)
+  set(settings_folder /etc/zniscsi)
+endif()
+install(FILES standalone/registry.ini.example DESTINATION ${settings_folder} RENAME registry.ini COMPONENT agent)
+
+# The headers of the contract, and what the stand-alone host offers beyond it. They include each other by relative
+# paths: <zniscsi/interface/ZnISCSI.h> needs no -I of its own.
+foreach(header
+    host/CHxError.h
+    host/EvDebug.h
+    host/HxSleep.h
+    host/OSType.h
+    host/SP.h
+    host/ZNPI_PlatformBase.h
+    host/ZNPlatformInfo.h
+    host/ZnDeviceTree.h
+    host/ZnProcess.h
+    interface/ZnISCSI.h
+    interface/ZnISCSICommonUtils.h
+    multipath/ZnISCSILinux.h
+    redhat/ZnISCSILinuxRedhat.h
+    standalone/hxutils/Pauses.h
+    standalone/zndevicetree/SysfsTree.h
+    standalone/znlib/Log.h
+    standalone/znlib/OsDetector.h
+    standalone/znlib/Registry.h
+    standalone/znlib/Text.h
+    standalone/znlib/TextFile.h)
+  cmake_path(GET header PARENT_PATH folder)
+  install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zniscsi/${folder} COMPONENT devel)
+endforeach()
+install(FILES docs/hosts.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT devel)
+
+# find_package(zniscsi): zniscsi::ZnISCSI, the library, and zniscsi::host, the stand-alone host.
+include(CMakePackageConfigHelpers)
+set(config_folder ${CMAKE_INSTALL_LIBDIR}/cmake/zniscsi)
+write_basic_package_version_file(zniscsiConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zniscsiConfigVersion.cmake DESTINATION ${config_folder} COMPONENT devel)
+install(EXPORT zniscsi FILE zniscsiConfig.cmake NAMESPACE zniscsi:: DESTINATION ${config_folder} COMPONENT devel)
+
+# pkg-config zniscsi: both. A packager's folders may be absolute; only then does APPEND forget the prefix.
+cmake_path(APPEND pc_includedir "\${prefix}" ${CMAKE_INSTALL_INCLUDEDIR})
+cmake_path(APPEND pc_libdir "\${prefix}" ${CMAKE_INSTALL_LIBDIR})
+configure_file(cmake/zniscsi.pc.in zniscsi.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zniscsi.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT devel)
