@@ -1,11 +1,11 @@
 # shellcheck shell=bash
-# What demo.sh and test.sh have in common: find what this machine lacks, install it, build.
+# What demo.sh, test.sh and bench.sh have in common: find what this machine lacks, install it, build.
 # To be sourced from the clone's root by a bash with `set -euo pipefail`.
 
 log_folder=build/log
 mkdir -p "$log_folder"
 
-# One run at a time in a clone: both scripts build and write below build/. What a killed run leaves behind, a
+# One run at a time in a clone: all of them build and write below build/. What a killed run leaves behind, a
 # compiler say, has inherited the descriptor, and the next run waits for that, too.
 [ /proc/self/fd/8 -ef build/lock ] || exec 8>build/lock # test.sh runs package.sh under its own lock
 flock -n 8 || {

@@ -50,11 +50,10 @@ std::string DeviceName(const fs::path& device)
 
 fs::path WholeDevice(const fs::path& device)
 {
-    // A partition is a folder in its disk's folder: .../block/sdb/sdb1.
-    const fs::path folder = fs::canonical(device);
-    if (!fs::exists(folder / "partition"))
+    if (!fs::exists(device / "partition"))
         return device;
-    return device.parent_path() / folder.parent_path().filename();
+    // A partition's folder stands in its disk's: .../block/sdb/sdb1.
+    return device.parent_path() / fs::canonical(device).parent_path().filename();
 }
 
 // sda, sdb, ..., sdz, sdaa
