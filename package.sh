@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# Makes the RPM and DEB packages, in build/packages, and proves them: built twice they are the same; unpacked into an
-# empty root the agent works, and hosts are compiled and run; an update keeps the settings; removed, nothing is left;
-# lintian and rpmlint say nothing that packaging/ does not answer.
+# Makes the RPM and DEB packages in build/packages and tests them: two builds give the same bytes; installed into an
+# empty root the agent works, and hosts can be built and run; an update keeps the settings; removal leaves nothing;
+# lintian and rpmlint report nothing that packaging/ does not answer.
 #
-# Exit status: 0 all is well, 1 not so, 77 it cannot be done on this machine (and says why).
+# Exit status: 0 passed, 1 failed, 77 this machine cannot do it (the reason is printed).
 set -euo pipefail
 cd "$(dirname "$(realpath "$0")")"
-umask 022 # CPack writes it into the members of a DEB
+umask 022 # CPack copies it into the modes of a DEB's files
 export PATH=$PATH:/usr/sbin:/sbin LC_ALL=C
 
 # shellcheck source=scripts/prepare.sh
@@ -32,7 +32,7 @@ fail() { # SENTENCE
     exit 1
 }
 
-# Both kinds out of one build folder: the libraries stand elsewhere, and only for that the agent is linked anew.
+# Both kinds use one build folder: they differ in the folder of the libraries only, so only the agent is linked again.
 make_packages() { # FOLDER OPTION...
     local kind libraries
     rm -f build/package/*.deb build/package/*.rpm
@@ -63,7 +63,7 @@ rpmlint --strict --config packaging/rpmlint.toml $packages/*.rpm >"$work/rpmlint
     fail "rpmlint has more to say"
 }
 
-# An ordinary user is root in a namespace of his own.
+# An ordinary user becomes root in a user namespace.
 as_package_manager() {
     if [ "$(id -u)" -eq 0 ]; then "$@"; else unshare -r "$@"; fi
 }
@@ -82,13 +82,13 @@ agent_says() { # PATTERN ARGUMENT...
     grep -qE "$1" <<<"$said" || fail "zniscsi ${*:2} does not say $1: $said"
 }
 
-# The block of a document in which a text stands.
+# Prints the code block of a document that contains a text.
 shown() { # FILE TEXT
     awk -v text="$2" '/^```/ { if (inside && index(block, text)) { printf "%s", block; exit }
         inside = !inside; block = ""; next } { block = block $0 "\n" }' "$1"
 }
 
-# Every host that the documents show, built with the commands that they show.
+# Builds every host in the documents, with the commands in the documents.
 try_hosts() { # COMPILER STANDARD
     local compiler=$1 flags=(-std=c++"$2" -Wall -Wextra -Wpedantic -Wnon-virtual-dtor -Werror) host
     g++() { command "$compiler" "${flags[@]}" "$@"; }
@@ -114,7 +114,7 @@ try_hosts_with_cmake() {
     {
         echo "cmake_minimum_required(VERSION 3.20)"
         echo "project(hosts CXX)"
-        echo "set_property(GLOBAL PROPERTY FIND_LIBRARY_USE_LIB64_PATHS ON)" # as it is where RPMs are installed
+        echo "set_property(GLOBAL PROPERTY FIND_LIBRARY_USE_LIB64_PATHS ON)" # the default where RPMs are installed
         echo "add_executable(readme_host readme_host.cpp)"
         echo "add_executable(linked_host linked_host.cpp)"
         shown README.md 'find_package(zniscsi'
@@ -163,7 +163,7 @@ for kind in DEB RPM; do
     agent_says '^/dev/sd' disks iqn.2025-01.org.example:plain
     for compiler in g++ clang++; do
         for standard in 11 14 17 20; do
-            [ "$kind $standard" = "DEB $standard" ] || [ $standard = 17 ] || continue # once is enough for the headers
+            [ "$kind $standard" = "DEB $standard" ] || [ $standard = 17 ] || continue # the headers are the same in both
             try_hosts $compiler $standard
         done
     done

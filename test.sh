@@ -8,8 +8,8 @@
 #   ./test.sh --packages     and then the packages, built, installed, tried and removed
 #   ./test.sh --lint         and then shellcheck over all scripts, clang-tidy over what is shipped
 #
-# Ends in a line "N passed, N failed", with ", N skipped" and the reasons above it where something cannot
-# run on this machine. Exit status 0 only if nothing failed.
+# The last line is "N passed, N failed". If this machine cannot run something, ", N skipped" follows, and the
+# reasons are above it. Exit status 0 only if nothing failed.
 set -euo pipefail
 cd "$(dirname "$(realpath "$0")")"
 
@@ -65,7 +65,7 @@ run_tests() { # PRESET
         total=1 bad=1
     fi
     not_run=$(grep -c '\*\*\*Skipped' "$log" || true)
-    # A skipped test ends in "FILE:LINE: Skipped" and, on the next line, its reason.
+    # A skipped test prints "FILE:LINE: Skipped" and, on the next line, its reason.
     grep -h -A1 ': Skipped$' "build/$1/Testing/Temporary/LastTest.log" |
         sed '/: Skipped$/d; /^--$/d; s/^/skipped: /' | sort | uniq -c || true
     passed=$((passed + total - bad - not_run))
@@ -73,8 +73,8 @@ run_tests() { # PRESET
     skipped=$((skipped + not_run))
 }
 
-# Runs a check that is no test of CTest's, and counts it.
-check() { # COMMAND..., whose exit status 77 says that this machine cannot do it
+# Runs and counts a check outside CTest.
+check() { # COMMAND...: exit status 77 if this machine cannot run it
     local status=0
     "$@" </dev/null || status=$?
     case $status in
@@ -96,9 +96,8 @@ lint_scripts() {
     shellcheck -x "${scripts[@]}"
 }
 
-# The preset has CMake run clang-tidy with the compiler: a file that was clean and has not changed is not looked
-# at again, unless the list of checks is new. Newer versions have checks that the list does not know, and find
-# faults in others' headers.
+# CMake runs clang-tidy with the compiler: unchanged files that passed are not checked again, unless the list of
+# checks has changed. Newer versions have checks that the list does not know, and report other projects' headers.
 lint_sources() {
     [[ $(clang-tidy --version 2>&1) == *"version 14."* ]] || {
         echo "skipped: there is no clang-tidy 14 here, whose findings the code answers"
@@ -112,7 +111,7 @@ lint_sources() {
 }
 
 install_missing "${packages[@]}"
-install_missing manual || true # without them the manual is not built or not checked
+install_missing manual || true # optional: without them the manual is not built or not checked
 for preset in "${presets[@]}"; do
     configure "$preset" -DZN_TESTS=ON
     build "$preset"

@@ -6,6 +6,7 @@
 #include "standalone/znlib/TextFile.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <iterator>
 #include <set>
@@ -13,6 +14,8 @@
 #include <stdexcept>
 #include <system_error>
 #include <unordered_map>
+
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -230,10 +233,12 @@ private:
     }
 
     // Empty if the process has ended, or this user may not look into it.
+    // readlink: std::filesystem takes two system calls, and there may be thousands of processes.
     static std::string ReadNamespace(const fs::path& process)
     {
-        std::error_code error;
-        return fs::read_symlink(process / "ns/mnt", error);
+        std::array<char, 64> name{}; // mnt:[4026531841]
+        const ssize_t length = readlink((process / "ns/mnt").c_str(), name.data(), name.size());
+        return {name.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
     }
 
     static std::vector<Mount> ReadMounts(const fs::path& process)

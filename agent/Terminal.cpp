@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <ctime>
 #include <system_error>
+#include <utility>
 
 #include <sys/ioctl.h>
 #include <sys/time.h>
@@ -114,6 +115,23 @@ extern "C" void GoOn(int /*signal*/)
     errno = error;
 }
 
+// Before the first change of the terminal: installs handlers that restore it before a signal ends the
+// program.
+void RestoreTerminalOnSignals()
+{
+    static bool isDone = false;
+    if (std::exchange(isDone, true))
+        return;
+    for (int signal = 1; signal <= SIGRTMAX; ++signal)
+    {
+        // Signals that do not end the program, the timer, and SIGPIPE, which main handles.
+        constexpr int kOthers[] = {SIGCHLD, SIGCONT, SIGURG,  SIGWINCH, SIGTSTP,
+                                   SIGTTIN, SIGTTOU, SIGALRM, SIGPIPE};
+        if (std::find(std::begin(kOthers), std::end(kOthers), signal) == std::end(kOthers))
+            HandleIfDefault(signal, EndBySignal, static_cast<int>(SA_RESETHAND));
+    }
+}
+
 std::size_t Columns()
 {
     constexpr std::size_t kDefault = 80;
@@ -164,6 +182,7 @@ void SetStatus(const std::string& text)
     line.copy(g_status.data(), length);
     g_status.at(length) = '\0';
     clock_gettime(CLOCK_MONOTONIC, &g_statusStart);
+    RestoreTerminalOnSignals();
     HandleIfDefault(SIGALRM, ShowSeconds, static_cast<int>(SA_RESTART));
     g_hasStatus = true;
     SetClock(1);
@@ -171,22 +190,11 @@ void SetStatus(const std::string& text)
 
 } // namespace
 
-void RestoreTerminalOnSignals()
-{
-    for (int signal = 1; signal <= SIGRTMAX; ++signal)
-    {
-        // Signals that do not end the program, the timer, and SIGPIPE, which main handles.
-        constexpr int kOthers[] = {SIGCHLD, SIGCONT, SIGURG,  SIGWINCH, SIGTSTP,
-                                   SIGTTIN, SIGTTOU, SIGALRM, SIGPIPE};
-        if (std::find(std::begin(kOthers), std::end(kOthers), signal) == std::end(kOthers))
-            HandleIfDefault(signal, EndBySignal, static_cast<int>(SA_RESETHAND));
-    }
-}
-
 HiddenPrompt::HiddenPrompt(const std::string& prompt)
 {
     const std::string line = znhost::Printable(prompt).substr(0, g_prompt.size() - 1);
     line.copy(g_prompt.data(), line.size());
+    RestoreTerminalOnSignals();
     for (const int signal : {SIGTSTP, SIGTTIN, SIGTTOU})
         HandleIfDefault(signal, StopBySignal, 0);
     HandleIfDefault(SIGCONT, GoOn, 0);

@@ -1,12 +1,9 @@
-// Terminal output and settings. Settings are restored on return, exception, signal and stop.
+// Terminal output and settings. Settings are restored on return, exception, signal and stop. Signals
+// that are ignored or handled stay as they are.
 #pragma once
 
 #include <string>
 #include <string_view>
-
-// Installs handlers that restore the terminal before a signal ends the program. Signals that are
-// ignored or handled stay as they are.
-void RestoreTerminalOnSignals();
 
 // Shows `prompt` and turns the echo of standard input, a terminal, off for its lifetime. A stop
 // (Ctrl-Z) turns it on; when the program continues in the foreground, it is off again and the prompt is

@@ -2,7 +2,6 @@
 
 #include "agent/CommandLine.h"
 #include "agent/Commands.h"
-#include "agent/Terminal.h"
 #include "standalone/znlib/Log.h"
 
 #include <csignal>
@@ -51,7 +50,6 @@ int main(int argc, char** argv)
 try
 {
     FillStandardDescriptors();
-    RestoreTerminalOnSignals();
     const ParsedLine line = ParseCommandLine(argc, argv);
     // A reader of standard error that exits must not end the operation.
     const auto sigpipeAction = std::signal(SIGPIPE, SIG_IGN);

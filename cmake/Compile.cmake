@@ -1,26 +1,26 @@
-# How everything here is compiled.
+# Compiler and linker settings of the whole project.
 
 set(CMAKE_CXX_STANDARD 17)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
 
-# The names of the libraries carry no version, and some are common ones: they stand in folders that no loader looks
-# into by itself. The stand-alone host's four have one of their own, host, below that of libZnISCSI.so, so that a
-# program that names the latter alone gets none of them. No library has a RUNPATH: programs say where they are.
+# The library names have no version, and some are common, so they are installed in folders that no loader searches by
+# default. The stand-alone host's four are in a sub-folder, host: a program that names the folder of libZnISCSI.so
+# only gets none of them. No library has a RUNPATH: programs name the folders.
 set(library_folder ${CMAKE_INSTALL_LIBDIR}/zniscsi)
 set(host_folder ${library_folder}/host)
 
-# The build folder is laid out as the installed tree: one RUNPATH serves both. Where CMake has to rewrite one,
-# it makes room with colons, and an empty element is the current folder.
+# The build folder has the layout of the installed tree, so that both use the same RUNPATH. If CMake had to rewrite
+# it, it would make room with colons, and an empty element means the current folder.
 file(RELATIVE_PATH to_libraries ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR}/zniscsi)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 get_filename_component(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin/${to_libraries} ABSOLUTE)
-set(CMAKE_BUILD_RPATH_USE_ORIGIN ON) # a build folder can be moved, into a virtual machine say
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON) # a build folder can be moved, for example into a virtual machine
 
 option(ZN_WERROR "Make every warning an error" OFF)
 set(ZN_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize takes them")
 
-# The same file from any folder. Debug builds keep the folders' names, for the debugger.
+# Builds in different folders give the same files. Debug builds keep the folder names, for the debugger.
 if(CMAKE_BUILD_TYPE MATCHES "^(Release|MinSizeRel)$")
   add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.)
 endif()
@@ -35,8 +35,8 @@ if(ZN_WERROR)
 endif()
 
 if(ZN_SANITIZE)
-  # vptr asks for the classes' type information, and that does not leave the library.
-  # GCC takes what the sanitizers add to the standard library's own code for reads of nothing.
+  # vptr needs type information of classes that the libraries do not export.
+  # With sanitizers, GCC reports false -Wmaybe-uninitialized in the standard library's headers.
   set(sanitize -fsanitize=${ZN_SANITIZE} -fno-omit-frame-pointer
     $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   if(ZN_SANITIZE MATCHES undefined)
@@ -45,16 +45,16 @@ if(ZN_SANITIZE)
   add_compile_options(${sanitize})
   add_link_options(${sanitize})
 else()
-  # A symbol that nobody supplies is found here, not in the agent that loads the library. (Sanitized
-  # libraries leave theirs to the program.)
+  # Finds undefined symbols at link time, not when a program loads the library. (Sanitized libraries take some from
+  # the program.)
   add_link_options($<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY>:-Wl,-z,defs>)
 endif()
 if(ZN_FUZZ)
-  add_compile_options(-fsanitize=fuzzer-no-link) # so that the fuzzers see their way through the libraries
+  add_compile_options(-fsanitize=fuzzer-no-link) # the fuzzers need the coverage of the libraries
 endif()
 include(cmake/Harden.cmake)
 
-# A shared library that is installed in `folder`: what it exports is listed in its version script, NAME.map.
+# A shared library, installed in `folder`. The version script NAME.map lists its exports.
 function(zn_library name folder component)
   set(script ${CMAKE_CURRENT_SOURCE_DIR}/${name}.map)
   add_library(${name} SHARED ${ARGN})
@@ -72,7 +72,7 @@ function(zn_host_library name)
   set_target_properties(${name} PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/host)
 endfunction()
 
-# A test program: GoogleTest cases, each one a test of CTest.
+# A GoogleTest program. Each case becomes a test of CTest.
 function(zn_test name)
   add_executable(${name} ${ARGN})
   target_link_libraries(${name} PRIVATE GTest::gmock GTest::gtest_main)

@@ -1,4 +1,4 @@
-# CPack runs this on the staged files of all packages before it packs them.
+# CPack runs this on the staged files of all packages.
 if(CPACK_GENERATOR STREQUAL DEB)
   string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC) # SOURCE_DATE_EPOCH, where it is set
   foreach(component IN LISTS CPACK_COMPONENTS_ALL)
@@ -8,7 +8,7 @@ if(CPACK_GENERATOR STREQUAL DEB)
     file(WRITE ${documents}/changelog.Debian "\
 zniscsi (${CPACK_PACKAGE_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}) unstable; urgency=medium
 
-  * What has changed stands in CHANGELOG.md of the source.
+  * See CHANGELOG.md in the source.
 
  -- ${CPACK_PACKAGE_CONTACT}  ${date}
 ")
@@ -17,7 +17,7 @@ endif()
 execute_process(COMMAND find ${CPACK_TEMPORARY_DIRECTORY} -type f ( -path */share/man/* -o -name changelog.Debian )
   -exec gzip -9n {} + COMMAND_ERROR_IS_FATAL ANY)
 
-# The same files under any umask and at any time of building.
+# The files do not depend on the umask and the time of the build.
 execute_process(COMMAND chmod -R u=rwX,go=rX ${CPACK_TEMPORARY_DIRECTORY} COMMAND_ERROR_IS_FATAL ANY)
 if(DEFINED ENV{SOURCE_DATE_EPOCH})
   execute_process(COMMAND find ${CPACK_TEMPORARY_DIRECTORY} -exec touch -h -d @$ENV{SOURCE_DATE_EPOCH} {} +

@@ -1,4 +1,4 @@
-# Hardening as distributions do it. Where the packager's own flags name an option, theirs holds.
+# The hardening options of distributions. An option in the packager's flags takes precedence.
 include(CheckCXXCompilerFlag)
 include(CheckPIESupported)
 
@@ -8,23 +8,23 @@ if(NOT DEFINED CMAKE_POSITION_INDEPENDENT_CODE)
 endif()
 add_link_options(-Wl,-z,now -Wl,-z,relro)
 
-# Adds the options that the compiler takes, unless `word` stands in the packager's flags.
+# Adds the options if the compiler knows them, unless the packager's flags contain `word`.
 function(zn_harden word)
   string(TOUPPER "${CMAKE_BUILD_TYPE}" type)
   string(MAKE_C_IDENTIFIER "ZN_TAKES_${word}" takes)
   check_cxx_compiler_flag("${ARGN}" ${takes})
   if(${takes} AND NOT "${CMAKE_CXX_FLAGS} ${CMAKE_CXX_FLAGS_${type}}" MATCHES "${word}")
     add_compile_options(${ARGN})
-    set_property(GLOBAL APPEND PROPERTY ZN_HARDENED ${word}) # for the test that looks for it in the files
+    set_property(GLOBAL APPEND PROPERTY ZN_HARDENED ${word}) # read by the test of the built files
   endif()
 endfunction()
 
-# The sanitizers have checks of their own.
+# Sanitizers replace these checks.
 if(NOT ZN_SANITIZE)
   zn_harden(stack-protector -fstack-protector-strong)
   zn_harden(stack-clash-protection -fstack-clash-protection)
-  zn_harden(cf-protection -fcf-protection) # x86 alone has it
-  # Level 3 takes GCC 12; without optimisation there is none. Some compilers come with a level.
+  zn_harden(cf-protection -fcf-protection) # x86 only
+  # Level 3 needs GCC 12, and any level needs optimisation. Some compilers predefine a level.
   set(fortify 3)
   if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 12)
     set(fortify 2)

@@ -1,14 +1,14 @@
-# What is installed beside the targets, for an administrator and for developers.
+# Installed files other than the targets: settings, headers, CMake and pkg-config files.
 
-# Only a prefix of /usr has its settings in /etc, where they are read. Elsewhere this is a file to copy.
+# The settings are read from /etc. With another prefix than /usr this is a file to copy.
 set(settings_folder ${CMAKE_INSTALL_SYSCONFDIR}/zniscsi)
 if(CMAKE_INSTALL_PREFIX STREQUAL /usr)
   set(settings_folder /etc/zniscsi)
 endif()
 install(FILES standalone/registry.ini.example DESTINATION ${settings_folder} RENAME registry.ini COMPONENT agent)
 
-# The headers of the contract, and what the stand-alone host offers beyond it. They include each other by relative
-# paths: <zniscsi/interface/ZnISCSI.h> needs no -I of its own.
+# The headers of the contract, and the stand-alone host's additions. They include each other by relative paths, so that
+# <zniscsi/interface/ZnISCSI.h> needs no -I.
 foreach(header
     host/CHxError.h
     host/EvDebug.h
@@ -35,14 +35,14 @@ foreach(header
 endforeach()
 install(FILES docs/hosts.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT devel)
 
-# find_package(zniscsi): zniscsi::ZnISCSI, the library, and zniscsi::host, the stand-alone host.
+# find_package(zniscsi) gives zniscsi::ZnISCSI, the library, and zniscsi::host, the stand-alone host.
 include(CMakePackageConfigHelpers)
 set(config_folder ${CMAKE_INSTALL_LIBDIR}/cmake/zniscsi)
 write_basic_package_version_file(zniscsiConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zniscsiConfigVersion.cmake DESTINATION ${config_folder} COMPONENT devel)
 install(EXPORT zniscsi FILE zniscsiConfig.cmake NAMESPACE zniscsi:: DESTINATION ${config_folder} COMPONENT devel)
 
-# pkg-config zniscsi: both. A packager's folders may be absolute; only then does APPEND forget the prefix.
+# pkg-config zniscsi gives both. APPEND drops the prefix if a packager's folder is absolute.
 cmake_path(APPEND pc_includedir "\${prefix}" ${CMAKE_INSTALL_INCLUDEDIR})
 cmake_path(APPEND pc_libdir "\${prefix}" ${CMAKE_INSTALL_LIBDIR})
 configure_file(cmake/zniscsi.pc.in zniscsi.pc @ONLY)

@@ -1,8 +1,8 @@
-# The packages, RPM and DEB, as `cpack -G RPM` and `cpack -G DEB` make them of a build for the prefix /usr; package.sh
-# makes and proves them. A packager says who he is in CPACK_PACKAGE_CONTACT.
+# The RPM and DEB packages that `cpack -G RPM` and `cpack -G DEB` make from a build with prefix /usr. package.sh makes and
+# tests them. Packagers set CPACK_PACKAGE_CONTACT to their name.
 set(CPACK_PACKAGE_CONTACT "The builder of this package <nobody@localhost>" CACHE STRING "Who makes the packages")
 set(CPACK_PACKAGE_VENDOR ${PROJECT_NAME})
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # each has its own
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # each package has its own
 set(CPACK_PACKAGE_RELEASE 1)
 set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_STRIP_FILES ON)
@@ -25,16 +25,16 @@ set(CPACK_RPM_FILE_NAME RPM-DEFAULT)
 set(CPACK_RPM_PACKAGE_RELEASE ${CPACK_PACKAGE_RELEASE})
 set(CPACK_RPM_PACKAGE_RELEASE_DIST ON)
 set(CPACK_RPM_PACKAGE_LICENSE LicenseRef-Not-Chosen) # the owner has chosen none
-set(CPACK_PACKAGE_RELOCATABLE OFF) # settings are read in /etc
+set(CPACK_PACKAGE_RELOCATABLE OFF) # the settings are read from /etc
 set(CPACK_RPM_PACKAGE_GROUP "System Environment/Libraries")
 set(CPACK_RPM_AGENT_PACKAGE_GROUP Applications/System)
 set(CPACK_RPM_DEVEL_PACKAGE_GROUP Development/Libraries)
-set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION # the system's, not the packages'
+set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION # owned by other packages
   /usr/share/bash-completion /usr/share/bash-completion/completions
   /usr/share/man /usr/share/man/man1 /usr/share/man/man5
   ${CMAKE_INSTALL_FULL_LIBDIR}/cmake ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig)
 set(CPACK_RPM_AGENT_USER_FILELIST "%config(noreplace) ${settings_folder}/registry.ini")
-# The names of the libraries are nobody else's affair, neither as what is provided nor as what is required.
+# Private libraries: neither provided nor required by name.
 set(CPACK_RPM_SPEC_MORE_DEFINE "\
 %global __provides_exclude_from ^${CMAKE_INSTALL_FULL_LIBDIR}/zniscsi/.*[.]so$
 %global __requires_exclude ^lib(ZnISCSI|ZnLib|ZNSnapHandler|ZnDeviceTree|HxUtils)[.]so

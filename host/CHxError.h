@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-// What went wrong in detail: the utility library's own.
+// Details of the error, private to the utility library.
 class FXErrorPrivate;
 
 class CHxError

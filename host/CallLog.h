@@ -1,7 +1,7 @@
-// How the library's functions write to the host's debug log: one log context a call, all lines under
-// the function's tag.
+// How the library's functions write to the host's debug log: each call opens one log context and writes
+// all its lines under the function's tag.
 //
-// Thread-safety: a log belongs to one call on one thread.
+// Thread-safety: use a log object on one thread only.
 #pragma once
 
 #include "host/EvDebug.h"
@@ -12,8 +12,8 @@
 #include <optional>
 #include <type_traits>
 
-// The lines of one call. Formats are fixed texts with %s and %d; text composed at run time is an
-// argument.
+// The lines of one call. A format is a literal with %s and %d; text composed at run time is passed as
+// an argument.
 class CallLog
 {
 public:
@@ -31,23 +31,23 @@ public:
         Write(0, format, values...);
     }
 
-    // The raw text that a parser is given.
+    // The raw text that a parser receives.
     template <class... Values>
     void Detail(const char* format, Values... values) const
     {
         Write(2, format, values...);
     }
 
-    // False, with a line that says so, when one of the required arguments is null.
+    // Returns false and logs a line if one of the required arguments is null.
     bool Accepts(std::initializer_list<const void*> required) const;
 
-    // False, with a line that says so, on a host that the library does not serve.
+    // Returns false and logs a line on a host that the library does not serve.
     bool HostIsServed() const;
 
     void RefuseParameters() const;
 
 protected:
-    // Without a job identifier the lines are written without one.
+    // Without a job identifier the lines carry none.
     CallLog(EvDebug& log, const char* tag, std::optional<unsigned long long> jobId);
 
 private:
@@ -56,7 +56,7 @@ private:
     {
         static_assert(((std::is_same_v<Values, const char*> || std::is_same_v<Values, int>)&&...),
                       "the formats convert %s and %d, nothing else");
-// The formats are literals of this library's own functions, handed through.
+// Every format is a literal of this library, passed through.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 #pragma GCC diagnostic ignored "-Wformat-security"
@@ -72,7 +72,7 @@ private:
     std::optional<unsigned long long> m_jobId;
 };
 
-// The three contexts in which a function may write; each is open for as long as the call lasts.
+// The three contexts in which a function may write. Each stays open until the call ends.
 
 struct FocusedPlatform : ZNPI_PlatformBase
 {
@@ -95,7 +95,7 @@ struct PlainContext
     EvDebug m_log{nullptr};
 };
 
-// A log that opens its context first and closes it last.
+// A log with its context: the context opens before the first line and closes after the last.
 template <class Context>
 class CallLogIn : private Context, public CallLog
 {

@@ -1,12 +1,12 @@
 // An intrusive shared pointer of the host's utility library.
 //
-// Thread-safety: the reference count is atomic, so that shares of one object may be taken and given up
-// on several threads; one SP object belongs to one thread at a time.
+// Thread-safety: the reference count is atomic: several threads may copy and drop shares of one object.
+// Use one SP object on one thread at a time.
 #pragma once
 
 #include <atomic>
 
-// What an object must derive from to be shared. It is deleted with its last share.
+// Base class of shared objects. The object is deleted with its last share.
 class SPEnabled
 {
 public:
@@ -20,7 +20,7 @@ private:
     std::atomic<int> m_shares{0};
 };
 
-// The one raw pointer behind every SP.
+// The raw pointer behind every SP.
 class SPBase
 {
 public:
@@ -29,7 +29,7 @@ public:
     SPBase& operator=(const SPBase&) = delete;
     ~SPBase();
 
-    // Gives up the old share and takes one of `object`; null leaves the pointer empty.
+    // Drops the old share and takes one of `object`; null leaves the pointer empty.
     void assign(SPEnabled* object);
     void assign(const SPBase& other);
 
@@ -53,6 +53,6 @@ public:
     }
     ~SP() = default;
 
-    // The object, or null when the pointer is empty.
+    // The object, or null if the pointer is empty.
     T* operator->() const { return static_cast<T*>(get()); }
 };

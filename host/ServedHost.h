@@ -6,10 +6,10 @@
 constexpr int kRedHatFamily = 1;
 constexpr int kFirstServedRelease = 5;
 
-// Logged by the factory and by every operation on another host.
+// The factory and every operation log this on another host.
 constexpr char kUnsupportedHost[] = "Currently not supported for this OS.";
 
-// Calls the host's detector each time.
+// Calls the host's detector every time: its answer may change.
 inline bool IsServedHost()
 {
     detectOSType();

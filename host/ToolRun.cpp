@@ -12,8 +12,7 @@ ToolRun::ToolRun(const CallLog& log, const Tool& tool, std::string_view secret)
 
 ToolRun::~ToolRun()
 {
-    Wipe(m_output);
-    Wipe(m_errorOutput);
+    DiscardOutput();
 }
 
 bool ToolRun::ToolExists() const
@@ -72,8 +71,18 @@ std::string ToolRun::PrintableErrorOutput() const
 
 bool ToolRun::Start(const char* command)
 {
-    // The output of an earlier run may repeat the secret; the runner only replaces it.
-    Wipe(m_output);
-    Wipe(m_errorOutput);
+    DiscardOutput();
     return ZnProcess::system(command, &m_output, &m_errorOutput, 0, false) == 0;
+}
+
+void ToolRun::DiscardOutput()
+{
+    // Wiped only if the tool may have repeated a secret: a session report can be megabytes long.
+    for (std::string* const text : {&m_output, &m_errorOutput})
+    {
+        if (m_secret.empty())
+            text->clear();
+        else
+            Wipe(*text);
+    }
 }

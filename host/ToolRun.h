@@ -1,4 +1,12 @@
-// The one way in which an administration tool is tested for, run, logged and reported on.
+// How an operation runs an administration tool, and logs what it ran and why it failed:
+//
+//     ToolRun iscsiadm(log, kIscsiadm);
+//     if (!iscsiadm.ToolExists() || !iscsiadm.RunOrLogFailure("/sbin/iscsiadm -m session -P3"))
+//         return false;
+//     Parse(iscsiadm.Output());
+//
+// host/ZnProcess.h says what a run returns. Thread-safety: use a ToolRun on one thread only; any number
+// of them may run tools at once.
 #pragma once
 
 #include "host/CallLog.h"
@@ -8,46 +16,48 @@
 
 struct Tool
 {
-    const char* path;     // full; what is looked for before the first run
-    const char* notFound; // the log line when it is not there
+    const char* path;     // full path; tested before the first run
+    const char* notFound; // logged if no file exists there
 };
 
-// The runs of one tool in one operation. One pair of strings serves them all: each run replaces what
-// the one before it left.
+// The runs of one tool in one operation. Each run replaces the output of the run before. The destructor
+// wipes it if there is a secret.
 class ToolRun
 {
 public:
-    // `secret` is what no log line may show, even where the tool repeats it in its error output; empty
-    // where there is none. All three outlive the object.
+    // No log line shows `secret`, even if the tool repeats it in its error output; it is empty if there
+    // is none. All three arguments must outlive the object.
     ToolRun(const CallLog& log, const Tool& tool, std::string_view secret = {});
     ToolRun(const ToolRun&) = delete;
     ToolRun& operator=(const ToolRun&) = delete;
     ~ToolRun();
 
-    // False, with a line that says so, when the tool is not installed.
+    // Returns false and logs a line if the tool is not installed.
     bool ToolExists() const;
 
-    // Logs and runs `command`; true when it succeeded.
+    // Logs and runs `command`. Returns true if it succeeded.
     bool Run(const std::string& command);
 
-    // As Run; a failure is logged with the tool's own words.
+    // Like Run, but also logs a failure with the tool's error output.
     bool RunOrLogFailure(const std::string& command);
 
-    // As RunOrLogFailure, with `fragment` and the secret behind the part that the log shows.
+    // Like RunOrLogFailure for the command `shown` + `fragment` + secret, of which the log shows
+    // `shown` only.
     bool RunWithSecretOrLogFailure(const std::string& shown, std::string_view fragment);
 
-    // Logs that `command` failed, with the tool's error output and `sequel` behind it.
+    // Logs that `command` failed, followed by the tool's error output and `sequel`.
     void LogFailure(const std::string& command, std::string_view sequel = {}) const;
 
-    // What the last run printed, as captured.
+    // The output of the last run, unchanged.
     const std::string& Output() const { return m_output; }
     const std::string& ErrorOutput() const { return m_errorOutput; }
 
-    // The last run's error output as a log line may show it.
+    // The error output of the last run, without the secret.
     std::string PrintableErrorOutput() const;
 
 private:
     bool Start(const char* command);
+    void DiscardOutput();
 
     const CallLog& m_log;
     const Tool& m_tool;

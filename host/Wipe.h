@@ -1,4 +1,4 @@
-// Buffers that held a secret do not keep it.
+// Removal of secrets from memory.
 #pragma once
 
 #include <cstddef>
@@ -8,8 +8,7 @@
 #include <string>
 #include <string_view>
 
-// Overwrites the contents of `text` and its spare capacity, where an earlier value may be, and empties
-// it.
+// Overwrites `text` and its spare capacity, which may hold an earlier value, and empties it.
 inline void Wipe(std::string& text)
 {
     const std::size_t size = text.size();
@@ -19,8 +18,8 @@ inline void Wipe(std::string& text)
     text.clear();
 }
 
-// A text made of pieces, wiped before its storage is freed. It is reserved as a whole before the first
-// piece is copied, so that no growth leaves a copy behind.
+// A text made of pieces, wiped before its storage is freed. The whole capacity is reserved first:
+// growth would leave a copy behind.
 class WipedString
 {
 public:

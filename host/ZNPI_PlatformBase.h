@@ -1,17 +1,17 @@
-// The host's platform context: what a call is done on behalf of.
+// The host's platform context: on whose behalf a call works.
 //
-// Thread-safety: a context belongs to one call on one thread.
+// Thread-safety: use a context on one thread only.
 #pragma once
 
-// What the process is at work on, in the host's own words.
+// The current work of the process, in the host's words.
 class ZNPI_Focus
 {
 public:
-    // The current focus. The host's; valid until the process ends. Never null.
+    // The current focus. Belongs to the host, valid until the process ends, never null.
     static const char* getFocus();
 };
 
-// A platform context, open from its construction to its destruction.
+// A platform context is open from its construction to its destruction.
 class ZNPI_PlatformBase
 {
 public:
@@ -20,7 +20,7 @@ public:
     ZNPI_PlatformBase& operator=(const ZNPI_PlatformBase&) = delete;
     ~ZNPI_PlatformBase();
 
-    // Binds the context to `focus`, which outlives it.
+    // Binds the context to `focus`, which must outlive it.
     void setFocus(const char* focus);
 
 private:

@@ -1,6 +1,7 @@
 // The host's device tree: every block device of the machine with its parent and its children.
 //
-// Thread-safety: any number of threads may look devices up at once; what they get is their own.
+// Thread-safety: any number of threads may look devices up at once. Each look-up returns objects of its
+// own.
 #pragma once
 
 #include "CHxError.h"
@@ -9,18 +10,18 @@
 #include <list>
 #include <string>
 
-// A block device. Owned by the tree, shared through SP.
+// A block device, shared through SP.
 class ZnDevice : public SPEnabled
 {
 public:
     ZnDevice(std::string name, std::list<SP<ZnDevice>> children);
     ~ZnDevice() override;
 
-    // The device's path, such as "/dev/sdb" or "/dev/mapper/mpatha". Valid while the device is held.
+    // The device's path, such as "/dev/sdb" or "/dev/mapper/mpatha". Valid as long as the device is.
     virtual const std::string& getName();
 
     // The physical disks beneath a stacked device, in the tree's order; empty for a device that is not
-    // stacked on others.
+    // stacked.
     std::list<SP<ZnDevice>> getChildren();
 
 private:
@@ -31,11 +32,11 @@ private:
 class ZnDeviceTree
 {
 public:
-    // The device whose path is `path`, or an empty pointer when the tree has none. A tree may leave the
-    // reason in `error`; the stand-alone one does not.
+    // Returns the device with this path, or an empty pointer if the tree has none. A tree may set
+    // `error` to the reason; the stand-alone host logs it instead.
     static SP<ZnDevice> getDevice(const char* path, CHxError* error);
 
-    // The whole device that holds the one whose path is `path` (a partition's disk, a whole device
-    // itself), or an empty pointer. `error` as above.
+    // Returns the whole device that contains the one with this path: a partition's disk, or a whole
+    // device itself. Returns an empty pointer if there is none. `error` as above.
     static SP<ZnDevice> getParentDevice(const char* path, CHxError* error);
 };

@@ -1,4 +1,4 @@
-// The host's process runner: the only way in which a child process is started.
+// The host's process runner. Nothing else starts a child process.
 //
 // Thread-safety: any number of threads may run commands at once.
 #pragma once
@@ -8,17 +8,16 @@
 class ZnProcess
 {
 public:
-    // Runs `command` (the tool's full path, then its arguments, separated by single blanks) and waits
-    // until it has ended. No shell is involved: no character of an argument is interpreted.
+    // Runs `command` (the tool's full path and its arguments, separated by single blanks) and waits
+    // until it ends. No shell is involved: no character of an argument is interpreted.
     //
-    // `output` and `errorOutput` are the caller's, neither null: their contents are replaced by the
-    // whole standard output and standard error of the run. The last two arguments are reserved; pass 0
-    // and false.
+    // `output` and `errorOutput` belong to the caller and must not be null. They receive the whole
+    // standard output and standard error. The last two arguments are reserved; pass 0 and false.
     //
-    // Returns 0 when the command ran and succeeded, any other value when it failed. The stand-alone
-    // host's runner gives the tool's exit status; 128 plus the number of the signal that killed it; or
-    // -1 when it could not be started or its status not be told. Where the tool itself has not said
-    // why, because it was killed, was not started, or had no word for its failure, a sentence in
-    // `errorOutput` does, behind whatever the tool wrote there.
+    // Returns 0 if the command succeeded, any other value if it failed. The stand-alone host's runner
+    // returns the tool's exit status, 128 plus the number of the signal that killed the tool, or -1 if
+    // the tool could not be started or its exit status is unknown. If the tool gave no reason (it was
+    // not started, was killed, or failed without error output), the runner appends one sentence with
+    // the reason to `errorOutput`.
     static int system(const char* command, std::string* output, std::string* errorOutput, int, bool);
 };

@@ -1,4 +1,5 @@
-// What every instance has, whatever the platform: its job identifier and the agent's registry settings.
+// What every instance has on any platform: the job identifier and access to the agent's registry
+// settings. Thread-safety: as the interface.
 #pragma once
 
 #include "ZnISCSI.h"
@@ -12,19 +13,19 @@ class ZnISCSICommonUtils : public ZnISCSI
 public:
     void SetLogging(unsigned long long& jobId) override;
 
-    // A platform without CHAP cannot log on with it.
+    // Fails: the default for a platform without CHAP.
     int LogOnToiSCSITargetUsingCHAP(const char* /*portal*/, const char* /*targetIQN*/,
                                     const char* /*userName*/, const char* /*password*/) override
     {
         return 0;
     }
 
-    // Reads a text setting of the agent into `buffer`, `bufferSize` bytes long, which is zeroed first.
-    // A null `subSection` means the agent's own section. Returns true when the value was found.
+    // Reads a text setting of the agent into `buffer` of `bufferSize` bytes, which is zeroed first. A
+    // null `subSection` selects the agent's own section. Returns true if the value exists.
     bool GetRegStr(const char* subSection, const char* key, char* buffer, int bufferSize);
 
-    // Reads a whole number of the agent. Returns true when it was found; otherwise `*value` holds what
-    // the host's reader left there, so set a default before the call.
+    // Reads an integer setting of the agent. Returns true if it exists; otherwise `*value` holds what
+    // the host's reader left there: set a default before the call.
     bool GetRegInt(const char* subSection, const char* key, int* value);
 
 protected:

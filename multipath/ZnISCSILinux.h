@@ -1,5 +1,5 @@
-// Multipath: the volumes that the storage array's own tool reports, and the disks beneath a multipath
-// device.
+// Multipath: the volumes that the storage array's tool reports, and the disks beneath a multipath
+// device. Thread-safety: as the interface.
 #pragma once
 
 #include "../interface/ZnISCSICommonUtils.h"
@@ -11,7 +11,7 @@
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor" // there is none, for the dispatch order's sake
 
-// One volume of an ehcmcli status report. Values stand as in the report, nothing trimmed.
+// One volume of an ehcmcli status report. The values are not trimmed.
 struct DellMPIOSessionInfo
 {
     std::string sVolumeName;
@@ -22,21 +22,21 @@ struct DellMPIOSessionInfo
 class ZnISCSIUnix : public ZnISCSICommonUtils
 {
 public:
-    // How often the array's tool is asked where the registry has no "nRetryCounter", or 0.
+    // Number of runs of the array's tool if "nRetryCounter" in the registry is missing or 0.
     static constexpr int kDefaultAttempts = 5;
 
-    // Replaces `records` with one record for each volume of `report`, in its order. False only when the
-    // report is empty. The markers come from the registry, all three or none.
+    // Replaces `records` with one record for each volume of `report`, in its order. Returns false only
+    // if the report is empty. The markers come from the registry if it has all three.
     bool ParseDellMPIOOutput(std::string report, std::vector<DellMPIOSessionInfo>& records);
 
-    // Finds the multipath device of a target, asking the array's tool again, with a pause, until it
-    // reports the target or the attempts that the registry allows are spent. `mpioDevice` is set on
+    // Finds the multipath device of a target. Runs the array's tool again, after a pause, until it
+    // reports the target or the number of attempts in the registry is reached. Sets `mpioDevice` on
     // success only.
     bool GetDellMPIODeviceForTargetIQN(std::string targetIQN, std::string& mpioDevice);
 
-    // Appends the names of the physical disks beneath `device` to `physicalDevices`: those of its
-    // children in the device tree or, without children, its parent's. False, and nothing appended, when
-    // the tree knows no device or no parent by that path.
+    // Appends the names of the physical disks beneath `device` to `physicalDevices`: the names of its
+    // children in the device tree or, if it has none, the name of its parent. Returns false and appends
+    // nothing if the tree has no device or no parent for that path.
     bool GetPhysicalDeviceForMultipathDevice(std::string device,
                                              std::vector<std::string>& physicalDevices);
 };

@@ -1,7 +1,7 @@
-// The operations on Red Hat family Linux: the concrete class, the work behind each of its methods, and
-// the parser of the initiator's session reports.
+// The operations on Red Hat family Linux: the concrete class, the function behind each of its methods,
+// and the parser of the initiator's session reports.
 //
-// Thread-safety: as the interface; the free functions and the parser share nothing.
+// Thread-safety: as the interface. The free functions and the parser share nothing.
 #pragma once
 
 #include "../multipath/ZnISCSILinux.h"
@@ -32,12 +32,12 @@ public:
     int LogOnToiSCSITargetUsingCHAP(const char* portal, const char* targetIQN, const char* userName,
                                     const char* password) override;
 
-    // Removes the initiator's node record of the target at the portal. Not part of the interface. 0
-    // when there is no such record, and where the tool refuses because a session is using it.
+    // Deletes the initiator's node record of the target at the portal. Not part of the interface. Fails
+    // if there is no such record, or if the tool refuses because a session is using it.
     int DeleteiSCSIIQNFromiSCSIAdmDb(const char* portal, const char* targetIQN);
 };
 
-// The work of the methods, without their host check. Each answers as its method does.
+// The functions behind the methods, without the host check. Each returns what its method returns.
 int RefreshISCSISystemBus_RedHat5(const char* portal);
 int LogOnToISCSITarget_RedHat5(const char* portal, const char* targetIQN);
 int LogOnToISCSITargetUsingCHAP_RedHat5(const char* portal, const char* targetIQN, const char* userName,
@@ -45,12 +45,12 @@ int LogOnToISCSITargetUsingCHAP_RedHat5(const char* portal, const char* targetIQ
 int LogOffFromISCSITarget_RedHat5(const char* portal, const char* targetIQN);
 int DeleteiSCSIIQNFromiSCSIAdmDb_RedHat5(const char* portal, const char* targetIQN);
 
-// Appends the disks of the target to `devices`. True when there was one.
+// Appends the disks of the target to `devices`. Returns true if there was one.
 bool FindPhyDeviceNameFromISCSITargetIQN_RedHat5(std::string targetIQN,
                                                  std::list<std::string>& devices);
 
 // Finds the portal and the IQN behind a device. Both strings are emptied first; after a failure they
-// may hold what was found before it.
+// may hold values found before it.
 bool FindISCSITargetPortalAndIQN_RedHat5(const std::string& deviceName, std::string& portal,
                                          std::string& targetIQN);
 
@@ -62,8 +62,9 @@ struct iSSCSISessionInfo
     std::string sTargetVolIQN;
 };
 
-// Appends a record for each attached disk of `report`, in the order of the report, to `records`. Always
-// true; text that breaks off yields what stands before the break. Takes time linear in the report.
+// Appends a record for each attached disk of `report` to `records`, in the order of the report. Always
+// returns true; truncated text yields the records before the truncation. Linear in the length of the
+// report.
 bool ParseIscsiadmSessionInfoOutput(const std::string& report, std::vector<iSSCSISessionInfo>& records);
 
 #pragma GCC diagnostic pop

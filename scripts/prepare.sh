@@ -1,12 +1,12 @@
 # shellcheck shell=bash
-# What demo.sh, test.sh and bench.sh have in common: find what this machine lacks, install it, build.
-# To be sourced from the clone's root by a bash with `set -euo pipefail`.
+# Shared by demo.sh, test.sh, bench.sh and package.sh: installs missing packages and builds.
+# Source it from the clone's root, in bash with `set -euo pipefail`.
 
 log_folder=build/log
 mkdir -p "$log_folder"
 
-# One run at a time in a clone: all of them build and write below build/. What a killed run leaves behind, a
-# compiler say, has inherited the descriptor, and the next run waits for that, too.
+# Only one of them runs in a clone at a time: all write below build/. Child processes inherit the descriptor, so the
+# next run also waits for what a killed run leaves behind, such as a compiler.
 [ /proc/self/fd/8 -ef build/lock ] || exec 8>build/lock # test.sh runs package.sh under its own lock
 flock -n 8 || {
     echo "waiting for another script of this clone to end"
@@ -18,7 +18,7 @@ if [ -n "${TMPDIR-}" ] && ! { [ -d "$TMPDIR" ] && [ -w "$TMPDIR" ]; }; then
     unset TMPDIR
 fi
 
-# Runs a command quietly; what it printed is shown when it fails.
+# Runs a command and shows its output only if it fails.
 quietly() { # NAME COMMAND...
     local log="$log_folder/$1.log"
     shift
@@ -60,8 +60,8 @@ install_on_debian() { # PACKAGE...
     quietly apt-install as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "$@"
 }
 
-# Ninja, the test tools and the header libraries stand in CRB and EPEL, which not every member of the family
-# calls by these names; some need neither.
+# Ninja, the test tools and the header libraries are in CRB and EPEL. Some members of the family have other names
+# for them, some need neither.
 install_on_redhat() { # PACKAGE...
     quietly dnf-epel as_root dnf install -y dnf-plugins-core epel-release 2>/dev/null || true
     quietly dnf-crb as_root dnf config-manager --set-enabled crb 2>/dev/null || true
@@ -77,7 +77,7 @@ as_root() {
     if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo -n "$@"; fi
 }
 
-# Installs those packages of the groups that this machine lacks; without the rights it names them and fails.
+# Installs the missing packages of the groups. Without the rights to do so, names them and fails.
 install_missing() { # GROUP...
     local family group package missing=()
     if command -v dpkg-query >/dev/null && command -v apt-get >/dev/null; then
@@ -107,7 +107,7 @@ configure() { # CONFIGURE-PRESET OPTION...
     quietly "configure-$1" cmake --preset "$@"
 }
 
-# Says how long it is going to take, from the steps that Ninja has to do and what one took elsewhere.
+# Estimates the time from the number of steps that Ninja has to do.
 build() { # BUILD-PRESET OPTION-OF-NINJA...
     local steps seconds_per_step=3
     steps=$(cmake --build --preset "$1" -- -n | sed -n '$s/^\[[0-9]*\/\([0-9]*\)\].*/\1/p')

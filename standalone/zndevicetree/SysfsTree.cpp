@@ -34,6 +34,8 @@ std::optional<std::string> After(const std::string& prefix, const std::string& t
 // The device-mapper name of a device, or nothing if device-mapper did not make it.
 std::optional<std::string> ReadMapName(const fs::path& device)
 {
+    if (!After("dm-", device.filename()))
+        return std::nullopt;
     const std::optional<std::string> line = znhost::ReadTextFile(device / "dm/name");
     return line ? std::optional(line->substr(0, line->find('\n'))) : std::nullopt;
 }
@@ -84,15 +86,12 @@ public:
             return;
 
         const fs::path slaves = device / "slaves"; // all whole devices have this folder, and only these
-        if (!fs::is_empty(slaves))
-        {
-            for (const fs::directory_entry& slave : fs::directory_iterator(slaves))
-                Descend(WholeDevice(device.parent_path() / slave.path().filename()), layers + 1);
-        }
-        else if (!ReadMapName(device)) // a map without paths is not a disk
-        {
+        fs::directory_iterator slave(slaves);
+        if (slave == fs::directory_iterator() &&
+            !ReadMapName(device)) // a map without paths is not a disk
             m_disks.insert(device);
-        }
+        for (; slave != fs::directory_iterator(); ++slave)
+            Descend(WholeDevice(device.parent_path() / slave->path().filename()), layers + 1);
         visit->second = true;
     }
 
@@ -215,7 +214,7 @@ std::optional<fs::path> SysfsTree::FindMap(const std::string& mapName) const
         return m_block / linked;
     for (const fs::directory_entry& device : fs::directory_iterator(m_block))
     {
-        if (After("dm-", device.path().filename()) && ReadMapName(device) == mapName)
+        if (ReadMapName(device) == mapName)
             return device.path();
     }
     return std::nullopt;
