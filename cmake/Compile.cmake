@@ -54,9 +54,9 @@ if(ZN_FUZZ)
 endif()
 include(cmake/Harden.cmake)
 
-# A shared library, installed in `folder`. The version script NAME.map lists its exports.
-function(zn_library name folder component)
-  set(script ${CMAKE_CURRENT_SOURCE_DIR}/${name}.map)
+# A shared library, installed in `folder`. The version script `exports` lists its exports.
+function(zn_library name exports folder component)
+  set(script ${CMAKE_CURRENT_SOURCE_DIR}/${exports})
   add_library(${name} SHARED ${ARGN})
   add_library(zniscsi::${name} ALIAS ${name})
   target_include_directories(${name} PUBLIC
@@ -68,7 +68,7 @@ endfunction()
 
 # A library of the stand-alone host.
 function(zn_host_library name)
-  zn_library(${name} ${host_folder} host ${ARGN})
+  zn_library(${name} ${name}.map ${host_folder} host ${ARGN})
   set_target_properties(${name} PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/host)
 endfunction()
 
