@@ -15,16 +15,15 @@ step() { printf '%s\t%s\t%s\n' "${@//iqn.2025-01.org.example:/}" >>/out/steps; }
 settle() { await "$@" || step "wait: ${*:2}" "within $1 s" "in vain"; }
 
 # With the loader and the C library of the machine that built it: the guest's may be older.
-zniscsi()
-{
-    timeout -k 5 100 /programs/ld-linux-x86-64.so.2 --library-path /programs /programs/zniscsi "$@"
-}
+program=(/programs/ld-linux-x86-64.so.2 --library-path /programs /programs/zniscsi)
+zniscsi() { timeout -k 5 100 "${program[@]}" "$@"; }
+
+awk() { busybox awk "$@"; }
 
 one_line() { paste -sd' '; }
 
 # agent ARGUMENT...: runs it; `came` is its exit status and its output, in one line.
-agent()
-{
+agent() {
     zniscsi "$@" >/tmp/stdout 2>/tmp/stderr
     came=$?
     {
@@ -36,8 +35,7 @@ agent()
 
 # refused WORDS ARGUMENT...: runs the agent; `came` is "refused: WORDS" when it failed, printed no
 # result, and gave its reasons under its own name and with these words ("today's|an old initiator's").
-refused()
-{
+refused() {
     agent "${@:2}"
     if [ "$came" = "1 " ] && ! grep -qv '^zniscsi: ' /tmp/stderr && grep -qiE "$1" /tmp/stderr; then
         came="refused: $1"
@@ -47,8 +45,7 @@ refused()
 }
 
 # at_once ARGUMENT...: two agents with the same arguments; `came` is what both gave, sorted.
-at_once()
-{
+at_once() {
     local number
     for number in 1 2; do
         (given=$(zniscsi "$@" 2>>/out/transcript); echo "$? $given" >/tmp/at-once.$number) &
@@ -62,8 +59,7 @@ at_once()
 address_of() { cat "/sys/class/iscsi_connection/connection${1##*session}:0/persistent_address"; }
 
 # sessions IQN [PORTAL]: their folders, in the order in which the tool reports them (1, 10, 2).
-sessions()
-{
+sessions() {
     local session
     for session in /sys/class/iscsi_session/session*; do
         [ "$(cat "$session/targetname")" = "$1" ] || continue
@@ -74,22 +70,45 @@ sessions()
 
 count() { sessions "$@" | wc -l; }
 
-disks()
-{
+disks() {
     local session
     for session in $(sessions "$@"); do
         printf '%s\n' "$session"/device/target*/*/block/*
     done | sed -n 's|.*/\(sd\)|/dev/\1|p' | one_line
 }
 
-# The portal and IQN to expect for a disk. Sessions of one target that follow each other share one
-# target line in the tool's report: each of their disks counts as one of the first portal.
-target_of()
-{
-    local session iqn
-    session=$(readlink -f "/sys/block/${1#/dev/}/device" | grep -o 'session[0-9]*')
-    iqn=$(cat "/sys/class/iscsi_session/$session/targetname")
-    echo "$(address_of "$(sessions "$iqn" | head -n 1)") $iqn"
+session_of() { readlink -f "/sys/block/${1#/dev/}/device" | grep -o 'session[0-9]*'; }
+
+# The portal and IQN of a disk.
+target_of() {
+    local session
+    session=/sys/class/iscsi_session/$(session_of "$1")
+    echo "$(address_of "$session") $(cat "$session/targetname")"
+}
+
+# rows IQN...: what the agent has to list for each disk of these targets, sorted.
+rows() {
+    local iqn disk state
+    for iqn; do
+        for disk in $(disks "$iqn"); do
+            state=$(cat "/sys/block/${disk#/dev/}/device/state")
+            state=$(cat "/sys/class/iscsi_session/$(session_of "$disk")/state")/$state
+            echo "$(session_of "$disk" | tr -dc 0-9) ${state%/running} $(target_of "$disk") $disk"
+        done
+    done | sort
+}
+
+# listed: the same, as the agent has it.
+listed() { zniscsi sessions --no-headings | awk '{ print $1, $2, $3, $4, $6 }' | sort; }
+
+# shortest COMMAND...: the shortest of ten runs, in milliseconds.
+shortest() {
+    local start
+    for _ in $(seq 10); do
+        start=$(date +%s%N)
+        "$@" >/dev/null 2>&1
+        echo $((($(date +%s%N) - start) / 1000000))
+    done | sort -n | head -n 1
 }
 
 # The node database: Debian has moved it between releases.
@@ -130,7 +149,7 @@ refused "No records found" logon 192.0.2.77 $plain
 step "log on where there is no record" "refused: No records found, 1 session" \
     "$came, $(count $plain) session"
 
-unauthorized="authorization|non-retryable"
+unauthorized="authorization|kernel has no such session|non-retryable"
 refused "$unauthorized" logon $portal1 $chap
 step "CHAP, no secret" "refused: $unauthorized, 0 sessions" "$came, $(count $chap) sessions"
 refused "$unauthorized" logon $portal1 $chap --chap-user $chap_user \
@@ -153,17 +172,28 @@ step "disks of a volume of two paths" "0 $(disks $multi), 2 paths" "$came, $(pat
 # --- disks and targets
 
 for iqn in $plain $chap $multi; do
-    agent disk "$iqn"
-    step "disk of ${iqn##*:}" "0 $(disks "$iqn" | cut -d' ' -f1)" "$came"
     for disk in $(disks "$iqn"); do
         agent target "$disk"
         step "target of $disk" "0 $(target_of "$disk")" "$came"
-        echo "$disk $(target_of "$disk")" >>/tmp/expected
     done
 done
-agent sessions
-step "sessions, as sysfs has them" "0, 5 rows, 0 differ" "${came%% *}, $(wc -l </tmp/expected) rows, $(
-    tail -n +2 /tmp/stdout | tr -s ' ' | sort | comm -3 - <(sort /tmp/expected) | wc -l) differ"
+for iqn in $plain $chap; do
+    agent disk "$iqn"
+    step "disk of ${iqn##*:}" "0 $(disks "$iqn" | cut -d' ' -f1)" "$came"
+done
+agent disk $multi
+step "disk of multi: its map" "0 $map" "$came"
+step "sessions, as sysfs has them" "$(rows $plain $chap $multi | one_line)" "$(listed | one_line)"
+agent sessions --no-headings
+step "sessions: the map of two paths" "2 of $map" "$(grep -c " $map\$" /tmp/stdout) of $map"
+# Both from memory: the guest's own files come over the 9p protocol.
+loader=/lib64/ld-linux-x86-64.so.2
+cp -r /programs /run/zniscsi
+mkdir /run/iscsiadm
+$loader --list /usr/sbin/iscsiadm | grep -o '/[^ ]*' | xargs cp -t /run/iscsiadm /usr/sbin/iscsiadm
+agents=$(ZN_LOG_FILE=/tmp/log ZN_LOG_LEVEL=0 shortest "${program[@]//programs/run\/zniscsi}" sessions)
+tools=$(shortest /run/iscsiadm/${loader##*/} --library-path /run/iscsiadm /run/iscsiadm/iscsiadm -m session)
+printf 'took\t%s\t%s\n' "$agents" "$tools" >>/out/steps
 
 first=$(disks $plain | cut -d' ' -f1)
 echo ',,L' | sfdisk -q "$first"
@@ -180,8 +210,13 @@ for device in $map "$(readlink -f $map)" $map-part1 $volume; do
     agent target "$device"
     step "target of $device" "0 $portal1 $multi" "$came"
 done
+agent target $volume --paths --no-headings
+step "target of $volume --paths" "0, 2 of 2 as sysfs has them" "${came%% *}, $(
+    awk '{ print $1, $2, $3, $4 }' /tmp/stdout | sort | comm -12 - <(
+        for disk in $(disks $multi); do echo "$disk LOGGED_IN $(target_of "$disk")"; done | sort) | wc -l) of $(
+    wc -l </tmp/stdout) as sysfs has them"
 agent doctor
-step "doctor" "0 iscsid listens" "${came%% *} $(grep -o 'iscsid listens' /tmp/stdout)"
+step "doctor" "0, 0 fail" "${came%% *}, $(grep -c '^fail' /tmp/stdout) fail"
 
 # --- the target server stops answering, and goes on, under a mounted disk
 
@@ -195,6 +230,10 @@ pkill -STOP -x tgtd
 settle 60 none_logged_in
 agent disks $plain
 step "target server stopped: disks" "0 $(disks $plain), FAILED" "$came, $(state $plain)"
+step "target server stopped: sessions" "$(rows $plain $chap | one_line)" \
+    "$(listed | grep -v " $multi " | one_line)" # those under the map may just change from FAILED to FREE
+refused "its connection is lost" logon $portal1 $plain
+step "target server stopped: log on" "refused: its connection is lost" "$came"
 pkill -CONT -x tgtd
 settle 60 all_logged_in
 settle 60 has_paths 2
@@ -202,6 +241,12 @@ echo 3 >/proc/sys/vm/drop_caches
 agent disks $plain
 step "target server goes on: disks" "0 $(disks $plain), LOGGED_IN, kept" \
     "$came, $(state $plain), $(cat /mnt/file)"
+agent logon $portal1 $plain
+step "target server goes on: log on" "0 already logged on" "$came"
+refused "/dev/sd.*: /mnt" logoff $portal1 $plain
+echo 3 >/proc/sys/vm/drop_caches
+step "log off under a mounted disk" "refused: /dev/sd.*: /mnt, 1 session, kept" \
+    "$came, $(count $plain) session, $(cat /mnt/file)"
 umount /mnt
 
 # --- the target server dies and comes back
@@ -232,25 +277,30 @@ step "log off" "0 logged off, 0 sessions, $first is gone" \
     "$came, $(count $plain) sessions, $first $([ -e "$first" ] && echo "is there" || echo "is gone")"
 refused "a disk of $plain" disks $plain
 step "disks after that" "refused: a disk of $plain" "$came"
-refused "No matching sessions found" logoff $portal1 $plain
-step "log off again" "refused: No matching sessions found" "$came"
+agent logoff $portal1 $plain
+step "log off again" "0 already logged off" "$came"
 agent forget $portal1 $plain
 step "forget" "0 forgotten, not recorded" "$came, $(is_recorded $portal1 $plain)"
-refused "No records found" forget $portal1 $plain
-step "forget again" "refused: No records found" "$came"
+agent forget $portal1 $plain
+step "forget again" "0 already forgotten" "$came"
 
 agent logoff $portal1 $multi
 settle 60 has_disks $multi 1
 settle 60 has_paths 1
+refused "$volume" logoff $portal2 $multi
+step "log off the last path under a volume" "refused: $volume, 1 path" "$came, $(paths) path"
 agent target $volume
 step "one path logged off: target of volume" "0 $portal2 $multi, 1 path" "$came, $(paths) path"
 # Its sessions no longer follow each other: the report has a target line for each, with its own portal.
 agent logon $portal2 $plain
 agent logon $portal1 $multi
 settle 60 has_paths 2
-refused "does not match" target $volume
-step "another session between the paths' own" "refused: does not match, 2 paths" "$came, $(paths) paths"
-agent logoff $portal2 $plain
+agent target $volume
+step "another session between the paths' own" "0 $portal2 $multi, 2 paths" "$came, $(paths) paths"
+mount "$(disks $plain | cut -d' ' -f2)" /mnt
+agent logoff $portal2 $plain --force
+step "log off under a mounted disk, by force" "0 logged off, 0 sessions" "$came, $(count $plain) sessions"
+umount -l /mnt
 
 # --- two agents at once
 
@@ -259,7 +309,7 @@ for round in 1 2; do
     step "two agents log on at once, $round" "0 already logged on 0 logged on, 1 session" \
         "$came, $(count $plain) session"
     at_once logoff $portal2 $plain
-    step "two agents log off at once, $round" "0 logged off 1 , 0 sessions" \
+    step "two agents log off at once, $round" "0 already logged off 0 logged off, 0 sessions" \
         "$came, $(count $plain) sessions"
 done
 
@@ -274,6 +324,7 @@ agent disks $many
 step "64 disks" "0, 64 of 64 are in sysfs" "${came%% *}, $(
     comm -12 <(sort /tmp/stdout) <(disks $many | xargs -n 1 | sort) | wc -l) of $(
     wc -l </tmp/stdout) are in sysfs"
+step "sessions over IPv6" "64 through [$portal6]" "$(zniscsi sessions | grep -cF " [$portal6] ") through [$portal6]"
 agent logoff "[$portal6]" $many
 step "log off over IPv6" "0 logged off, 0 sessions" "$came, $(count $many) sessions"
 
@@ -286,9 +337,9 @@ refused "can not connect to iSCSI daemon" logon $portal2 $plain
 step "initiator daemon down: log on" "refused: can not connect to iSCSI daemon" "$came"
 agent disks $multi
 step "initiator daemon down: disks" "0 $(disks $multi)" "$came"
+step "initiator daemon down: sessions" "$(rows $multi $chap | one_line)" "$(listed | one_line)"
 agent doctor
-step "initiator daemon down: doctor" "0 iscsid is not seen to listen" \
-    "${came%% *} $(grep -o 'iscsid is not seen to listen' /tmp/stdout)"
+step "initiator daemon down: doctor" "iscsid does not listen" "$(grep -o 'iscsid does not listen' /tmp/stdout)"
 
 # --- the secret: all files written since the guest was started
 
