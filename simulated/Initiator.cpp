@@ -115,14 +115,6 @@ std::vector<Session> InReportOrder(std::vector<Session> sessions)
     return sessions;
 }
 
-// A session report is also a look at the disks: it shows those that appear now.
-void CountLook(const Scene& scene, State& state)
-{
-    for (Session& session : state.sessions)
-        ++session.looks;
-    AttachDisks(scene, state);
-}
-
 // The lines of the session's disks.
 std::string AttachedDisks(const Scene& scene, const State& state, const Session& session)
 {
@@ -255,11 +247,13 @@ Outcome LogOff(State& state, const Node& node)
 // 			Attached scsi disk sdb		State: running
 //
 // Sessions of one target that follow each other have one target line.
-Outcome DetailedReport(const Scene& scene, State& state)
+Outcome ReportSessions(const Scene& scene, State& state)
 {
     if (state.sessions.empty())
         return NotFound("No active sessions.");
-    CountLook(scene, state);
+    for (Session& session : state.sessions)
+        ++session.looks;
+    AttachDisks(scene, state); // the report shows those that appear at this look
     Outcome outcome;
     std::string lastIqn;
     for (const Session& session : InReportOrder(state.sessions))
@@ -274,20 +268,6 @@ Outcome DetailedReport(const Scene& scene, State& state)
                        "\t\tHost Number: " + sid + "\tState: running\n" +
                        AttachedDisks(scene, state, session);
     }
-    return outcome;
-}
-
-Outcome ShortReport(const Scene& scene, State& state)
-{
-    if (state.sessions.empty())
-        return NotFound("No active sessions.");
-    CountLook(scene, state);
-    Outcome outcome;
-    for (const Session& session : InReportOrder(state.sessions))
-        outcome.out += "Session (sid " + std::to_string(session.sid) +
-                       ") using module tcp\nTargetName: " + session.iqn +
-                       "\nPortal Group Tag: 1\nNetwork Portal: " + FormatPortalAddress(session.portal) +
-                       "\n" + AttachedDisks(scene, state, session);
     return outcome;
 }
 

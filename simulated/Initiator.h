@@ -26,8 +26,7 @@ Outcome DeleteNode(State& state, const Node& node);
 Outcome LogOn(const Scene& scene, State& state, const Node& node);
 Outcome LogOff(State& state, const Node& node);
 
-// Session mode: "-P3", and "-i" of tools that have no -P3.
-Outcome DetailedReport(const Scene& scene, State& state);
-Outcome ShortReport(const Scene& scene, State& state);
+// Session mode, with -P3.
+Outcome ReportSessions(const Scene& scene, State& state);
 
 } // namespace simulated

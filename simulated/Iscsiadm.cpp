@@ -11,16 +11,16 @@ namespace
 class CommandLine
 {
 public:
-    // The oldest tools, those without a detailed report, have an -i without an argument.
-    CommandLine(int argc, char** argv, bool isOldTool)
+    CommandLine(int argc, char** argv)
     {
         static const option kLong[] = {{"name", required_argument, nullptr, 'n'},
                                        {"op", required_argument, nullptr, 'o'},
                                        {"value", required_argument, nullptr, 'v'},
                                        {"version", no_argument, nullptr, 'V'},
                                        {nullptr, 0, nullptr, 0}};
-        const char* const letters = isOldTool ? "im:T:p:t:o:luV" : "i:m:T:p:t:o:luP:V";
-        for (int letter = 0; (letter = getopt_long(argc, argv, letters, kLong, nullptr)) != -1;)
+        constexpr const char* kLetters =
+            "m:T:p:t:o:luP:i:V"; // the oldest tools have an -i without an argument
+        for (int letter = 0; (letter = getopt_long(argc, argv, kLetters, kLong, nullptr)) != -1;)
             m_values[letter] = optarg != nullptr ? optarg : "";
     }
 
@@ -52,15 +52,6 @@ Outcome RunNodeMode(const Scene& scene, State& state, const CommandLine& line)
     return Refused("the simulated tool can only list, update, delete, log on and log off");
 }
 
-Outcome RunSessionMode(const Scene& scene, State& state, const CommandLine& line)
-{
-    if (line.Value('P') == "3")
-        return DetailedReport(scene, state);
-    if (line.Has('i'))
-        return ShortReport(scene, state);
-    return Refused("the simulated tool can only print the report of -P 3");
-}
-
 Outcome Run(const Scene& scene, State& state, const CommandLine& line)
 {
     const std::string mode = line.Value('m');
@@ -72,8 +63,8 @@ Outcome Run(const Scene& scene, State& state, const CommandLine& line)
         return Discover(scene, state, Resolve(scene, line.Value('p')));
     if (mode == "node")
         return RunNodeMode(scene, state, line);
-    if (mode == "session")
-        return RunSessionMode(scene, state, line);
+    if (mode == "session" && line.Value('P') == "3")
+        return ReportSessions(scene, state);
     return {7, "", "Try `iscsiadm --help' for more information.\n"};
 }
 
@@ -82,6 +73,6 @@ Outcome Run(const Scene& scene, State& state, const CommandLine& line)
 int main(int argc, char** argv)
 {
     return RunTool("iscsiadm", argc, argv, [&](const Scene& scene, State& state) {
-        return Run(scene, state, CommandLine(argc, argv, !scene.detailedReport));
+        return Run(scene, state, CommandLine(argc, argv));
     });
 }

@@ -116,8 +116,7 @@ static void from_json(const Json& json, Fault& fault)
 
 static void from_json(const Json& json, Scene& scene)
 {
-    ReadObject(json, Member{"detailedReport", scene.detailedReport},
-               Member{"sessionExists", scene.sessionExists},
+    ReadObject(json, Member{"sessionExists", scene.sessionExists},
                Member{"unreachableMs", scene.unreachableMs}, Member{"localDisks", scene.localDisks},
                Member{"portals", scene.portals}, Member{"targets", scene.targets},
                Member{"maps", scene.maps}, Member{"ehcmcliInstalled", scene.ehcmcliInstalled},

@@ -91,7 +91,6 @@ struct Fault
 
 struct Scene
 {
-    bool detailedReport = true;
     std::string sessionExists = "counted";
     int unreachableMs = 300;
     std::vector<std::string> localDisks; // kernel names

@@ -9,6 +9,14 @@ printf 'secret-12345-ok\n' >$secrets/right
 printf 'secret-of-somebody-else\n' >$secrets/wrong
 chmod 600 $secrets/*
 
+# on TARGET...: logs on to each at 192.0.2.10.
+on() {
+    zniscsi discover 192.0.2.10 >came/on
+    for target; do
+        zniscsi logon 192.0.2.10 "$iqn:$target" >came/on || return
+    done
+}
+
 # setting KEY VALUE: in the registry's section [~iStoreNode].
 setting() {
     sed -i "/^[;# ]*$1 *=/d; s/^\[~iStoreNode\]/&\n$1 = $2/" "$ZN_REGISTRY"
