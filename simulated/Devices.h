@@ -1,5 +1,5 @@
-// The block devices of the simulated machine, and the sysfs and /dev that show them: what the agent,
-// the device tree and the completion read there, nothing else.
+// The block devices of the simulated machine, and its sysfs and /dev, with nothing but what the agent,
+// the device tree, the completion and the documents' hosts read.
 #pragma once
 
 #include "simulated/State.h"

@@ -26,7 +26,7 @@ Outcome NotFound(const std::string& words)
     return {21, "", Said(words)};
 }
 
-// The first of `items`, node records or sessions, that belongs to `node`; their end if there is none.
+// The first of `items`, node records or sessions, that belongs to `node`, or their end.
 template <class Items>
 auto Find(Items& items, const Node& node)
 {
@@ -53,7 +53,7 @@ std::string ListedAs(const Node& node)
     return FormatPortalAddress(node.portal) + ",1 " + node.iqn + "\n";
 }
 
-// A record that is there already is reset, as a discovery does it.
+// Replaces a record of the same node: a discovery resets its settings.
 void AddRecord(State& state, const Node& node)
 {
     if (const auto known = Find(state.nodes, node); known != state.nodes.end())
@@ -67,7 +67,7 @@ void AddRecord(State& state, const Node& node)
     state.nodes.insert(at, fresh);
 }
 
-// Why a discovery cannot connect to `at`, where `portal`, if not null, does not answer.
+// Why a discovery cannot connect to `at`. `portal` is the scene's portal of this address, or null.
 std::string ConnectFailure(const PortalAddress& at, const Portal* portal)
 {
     if (portal == nullptr)
@@ -106,7 +106,7 @@ Verdict OpenSession(const Scene& scene, State& state, const NodeRecord& record)
     return {0, ""};
 }
 
-// In the tool's order, that of the identifiers as text: 1, 10, 2.
+// The tool sorts sessions by their identifiers as text: 1, 10, 2.
 std::vector<Session> InReportOrder(std::vector<Session> sessions)
 {
     std::sort(sessions.begin(), sessions.end(), [](const Session& a, const Session& b) {
@@ -246,7 +246,7 @@ Outcome LogOff(State& state, const Node& node)
 // 		scsi1 Channel 00 Id 0 Lun: 1
 // 			Attached scsi disk sdb		State: running
 //
-// Sessions of one target that follow each other have one target line.
+// Successive sessions of one target share one target line.
 Outcome ReportSessions(const Scene& scene, State& state)
 {
     if (state.sessions.empty())

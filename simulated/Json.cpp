@@ -1,4 +1,4 @@
-// The JSON of the simulated machine: scene and state.
+// Reads the scene, reads and writes the state: all JSON of the simulated machine.
 #include "simulated/State.h"
 
 #include <nlohmann/json.hpp>
@@ -18,8 +18,9 @@ namespace
 
 using Json = nlohmann::json;
 
-// Without the library's mark: "[json.exception.parse_error.101] parse error at line 3, column 9: ..."
-std::string WithoutMark(const std::string& words)
+// Removes the number of the JSON library's message: "[json.exception.parse_error.101] parse error at
+// line 3, column 9: ..."
+std::string WithoutNumber(const std::string& words)
 {
     return words.rfind("[json.", 0) == 0 ? words.substr(words.find("] ") + 2) : words;
 }
@@ -42,10 +43,10 @@ try
 }
 catch (const std::exception& error)
 {
-    throw Unusable(std::string(member.key) + ": " + WithoutMark(error.what()));
+    throw Unusable(std::string(member.key) + ": " + WithoutNumber(error.what()));
 }
 
-// Reads an object of a scene. It may have no other members.
+// Reads an object of a scene. Any other member is an error.
 template <class... Values>
 void ReadObject(const Json& object, const Member<Values>&... members)
 {
@@ -137,7 +138,7 @@ try
 }
 catch (const std::exception& error)
 {
-    throw Unusable("cannot use the scene " + file + ": " + WithoutMark(error.what()));
+    throw Unusable("cannot use the scene " + file + ": " + WithoutNumber(error.what()));
 }
 
 StateFile::StateFile(const std::filesystem::path& folder) : m_file(folder / "state.json")
@@ -156,7 +157,7 @@ StateFile::StateFile(const std::filesystem::path& folder) : m_file(folder / "sta
     catch (const Json::exception& error)
     {
         close(m_lock);
-        throw Unusable("cannot use the state " + m_file.string() + ": " + WithoutMark(error.what()));
+        throw Unusable("cannot use the state " + m_file.string() + ": " + WithoutNumber(error.what()));
     }
 }
 

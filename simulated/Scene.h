@@ -1,4 +1,4 @@
-// What a simulated machine is made of, as its scene file says. scenes/demo.json explains every key.
+// The scene: what a simulated machine consists of. scenes/demo.json explains every key.
 #pragma once
 
 #include <stdexcept>

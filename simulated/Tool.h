@@ -18,7 +18,7 @@ struct Outcome
 };
 
 // Runs `command` as the tool `name`. The environment variables SIMULATED_SCENE and SIMULATED_STATE name
-// scene and state folder. `command` works on a locked state, which is saved after it.
+// scene and state folder. `command` gets a locked state, which is saved afterwards.
 //
 // Returns the exit status: the command's, or 2 if scene or state cannot be used; then a sentence on
 // standard error says why, and nothing has changed.
