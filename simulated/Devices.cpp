@@ -1,8 +1,6 @@
 #include "simulated/Devices.h"
 
 #include <algorithm>
-#include <cctype>
-#include <chrono>
 #include <fstream>
 
 namespace simulated
@@ -11,11 +9,6 @@ namespace fs = std::filesystem;
 namespace
 {
 
-bool IsDue(const Lun& lun, const Session& session, std::int64_t nowMs)
-{
-    return lun.disk && session.looks >= lun.atLook && nowMs >= session.startedMs + lun.afterMs;
-}
-
 // 0 -> "sda", 25 -> "sdz", 26 -> "sdaa"
 std::string DiskName(int number)
 {
@@ -23,6 +16,7 @@ std::string DiskName(int number)
     return number < 26 ? "sd" + last : DiskName(number / 26 - 1) + last;
 }
 
+// The first of the scene's names for this disk that no other disk has, or else the kernel's next name.
 std::string FreeDiskName(const Scene& scene, const State& state, const Lun& lun)
 {
     const std::vector<Disk> disks = DisksOf(scene, state);
@@ -39,223 +33,134 @@ std::string FreeDiskName(const Scene& scene, const State& state, const Lun& lun)
     return DiskName(number);
 }
 
-// "sda", 1 -> "sda1"; "map0", 1 -> "map0p1"
-std::string PartitionName(const std::string& device, int number)
+void AddFolder(Tree& tree, const fs::path& path)
 {
-    const bool digitAtEnd = std::isdigit(static_cast<unsigned char>(device.back())) != 0;
-    return device + (digitAtEnd ? "p" : "") + std::to_string(number);
+    if (path.empty())
+        return;
+    AddFolder(tree, path.parent_path());
+    tree.try_emplace(path, Entry{fs::file_type::directory, ""});
 }
 
-bool IsPath(const MultipathMap& map, const Disk& disk)
+void AddFile(Tree& tree, const fs::path& path, const std::string& line)
 {
-    return disk.lun->lun == map.lun &&
-           std::find(map.targets.begin(), map.targets.end(), disk.session->iqn) != map.targets.end();
+    AddFolder(tree, path.parent_path());
+    tree[path] = {fs::file_type::regular, line};
 }
 
-// A device-mapper device of a map: the map itself first, then its partitions, then its volumes.
-struct DmDevice
+// `target` is a path of the same tree.
+void AddLink(Tree& tree, const fs::path& path, const fs::path& target)
 {
-    std::string name;
-    std::string uuid;
-    std::string below; // the device-mapper device that it is made of; empty for the map
-};
-
-std::vector<DmDevice> DmDevicesOf(const MultipathMap& map)
-{
-    const std::string uuid = "mpath-" + map.wwid;
-    std::vector<DmDevice> devices{{map.name, uuid, ""}};
-    for (int i = 1; i <= map.partitions; ++i)
-        devices.push_back(
-            {PartitionName(map.name, i), "part" + std::to_string(i) + "-" + uuid, map.name});
-    const std::string physicalVolume = devices.back().name;
-    for (const std::string& volume : map.volumes)
-        devices.push_back({volume, "LVM-" + volume, physicalVolume});
-    return devices;
+    AddFolder(tree, path.parent_path());
+    tree[path] = {fs::file_type::symlink, target.lexically_relative(path.parent_path())};
 }
-
-void SettleMap(const Scene& scene, State& state, const MultipathMap& map)
-{
-    const std::vector<Disk> disks = DisksOf(scene, state);
-    const auto paths =
-        std::count_if(disks.begin(), disks.end(), [&](const Disk& disk) { return IsPath(map, disk); });
-    const bool isUp = paths > 0 && (paths >= map.minPaths || state.knownMaps.count(map.name) != 0);
-    if (isUp)
-        state.knownMaps.insert(map.name);
-    for (const DmDevice& device : DmDevicesOf(map))
-    {
-        if (!isUp)
-            state.dmNumbers.erase(device.name);
-        else if (state.dmNumbers.count(device.name) == 0)
-        {
-            std::set<int> used;
-            for (const auto& [name, number] : state.dmNumbers)
-                used.insert(number);
-            state.dmNumbers[device.name] = LowestFree(used);
-        }
-    }
-}
-
-// What a folder is to hold, by path below it.
-class Tree
-{
-public:
-    void Folder(const fs::path& path) { m_folders.insert(path); }
-    void File(const fs::path& path, const std::string& line) { m_files[path] = line; }
-    // `target` is a path of this tree; what is written leads there from the link's own folder.
-    void Link(const fs::path& path, const fs::path& target)
-    {
-        m_links[path] = target.lexically_relative(path.parent_path());
-    }
-
-    // A link comes after what it leads to, and goes before it: "block" and "class" sort before
-    // "devices".
-    void Write(const fs::path& root) const
-    {
-        std::set<fs::path> wanted;
-        const auto want = [&](fs::path path) {
-            for (; !path.empty(); path = path.parent_path())
-                wanted.insert(path);
-        };
-        std::for_each(m_folders.begin(), m_folders.end(), want);
-        for (const auto& [path, line] : m_files)
-            want(path);
-        for (const auto& [path, target] : m_links)
-            want(path);
-        RemoveAllBut(wanted, root);
-        for (const fs::path& path : m_folders)
-            fs::create_directories(root / path);
-        for (const auto& [path, line] : m_files)
-        {
-            fs::create_directories((root / path).parent_path());
-            if (!fs::exists(root / path))
-                std::ofstream(root / path) << line << '\n';
-        }
-        for (const auto& [path, target] : m_links)
-        {
-            fs::create_directories((root / path).parent_path());
-            if (fs::is_symlink(root / path) && fs::read_symlink(root / path) == target)
-                continue;
-            fs::remove(root / path);
-            fs::create_symlink(target, root / path);
-        }
-    }
-
-private:
-    static void RemoveAllBut(const std::set<fs::path>& wanted, const fs::path& root)
-    {
-        fs::create_directories(root);
-        std::set<fs::path> unwanted;
-        for (const fs::directory_entry& there : fs::recursive_directory_iterator(root))
-        {
-            if (wanted.count(there.path().lexically_relative(root)) == 0)
-                unwanted.insert(there.path());
-        }
-        for (const fs::path& path : unwanted)
-            fs::remove_all(path);
-    }
-
-    std::set<fs::path> m_folders;
-    std::map<fs::path, std::string> m_files;
-    std::map<fs::path, fs::path> m_links;
-};
 
 fs::path SessionPath(const Session& session)
 {
-    const std::string host = "devices/platform/host" + std::to_string(session.host);
-    return fs::path(host) / ("session" + std::to_string(session.sid));
+    const std::string sid = std::to_string(session.sid);
+    return "devices/platform/host" + sid + "/session" + sid;
 }
 
-// 2:0:0:1
-std::string ScsiAddress(const Session& session, const Lun& lun)
+// devices/platform/host2/session2/target2:0:0/2:0:0:1
+fs::path LunPath(const Disk& disk)
 {
-    return std::to_string(session.host) + ":0:0:" + std::to_string(lun.lun);
-}
-
-fs::path LunPath(const Session& session, const Lun& lun)
-{
-    const std::string target = "target" + std::to_string(session.host) + ":0:0";
-    return SessionPath(session) / target / ScsiAddress(session, lun);
+    const std::string target = std::to_string(disk.session->sid) + ":0:0";
+    return SessionPath(*disk.session) / ("target" + target) /
+           (target + ":" + std::to_string(disk.lun->lun));
 }
 
 void AddSession(Tree& sys, const Session& session)
 {
-    const std::string name = "session" + std::to_string(session.sid);
-    const fs::path attributes = SessionPath(session) / "iscsi_session" / name;
-    sys.File(attributes / "targetname", session.iqn);
-    sys.File(attributes / "tpgt", "1");
-    sys.File(attributes / "state", "LOGGED_IN");
-    sys.File(attributes / "username", session.user.empty() ? "(null)" : session.user);
-    sys.Link(attributes / "device", SessionPath(session));
-    sys.Link(fs::path("class/iscsi_session") / name, attributes);
-
-    const std::string connection = "connection" + std::to_string(session.sid) + ":0";
-    const fs::path link = SessionPath(session) / connection;
-    const fs::path linkAttributes = link / "iscsi_connection" / connection;
-    for (const char* prefix : {"", "persistent_"})
-    {
-        sys.File(linkAttributes / (std::string(prefix) + "address"), session.portal.address);
-        sys.File(linkAttributes / (std::string(prefix) + "port"), std::to_string(session.portal.port));
-    }
-    sys.File(linkAttributes / "state", "up");
-    sys.Link(linkAttributes / "device", link);
-    sys.Link(fs::path("class/iscsi_connection") / connection, linkAttributes);
+    const std::string sid = std::to_string(session.sid);
+    const fs::path attributes = "class/iscsi_session/session" + sid;
+    AddFile(sys, attributes / "targetname", session.iqn);
+    AddFile(sys, attributes / "state", "LOGGED_IN");
+    AddFolder(sys, SessionPath(session));
+    AddLink(sys, attributes / "device", SessionPath(session));
+    const fs::path connection = "class/iscsi_connection/connection" + sid + ":0";
+    AddFile(sys, connection / "persistent_address", session.portal.address);
+    AddFile(sys, connection / "persistent_port", std::to_string(session.portal.port));
 }
 
-// What every whole block device has, and the links that lead to it.
-void AddBlockDevice(Tree& sys, const fs::path& path)
+void AddDisk(Devices& devices, const Disk& disk)
 {
-    const fs::path name = path.filename();
-    sys.Folder(path / "slaves");
-    sys.Folder(path / "holders");
-    sys.Link("block" / name, path);
-    sys.Link("class/block" / name, path);
-}
-
-void AddDisk(Tree& sys, Tree& dev, const Disk& disk)
-{
-    const fs::path path = LunPath(*disk.session, *disk.lun) / "block" / disk.name;
-    constexpr const char* kSectors = "204800"; // 100 MiB
-    AddBlockDevice(sys, path);
-    sys.File(path / "size", kSectors);
-    sys.Link(path / "device", LunPath(*disk.session, *disk.lun));
-    sys.File(LunPath(*disk.session, *disk.lun) / "state", disk.lun->state);
-    const std::string link = "disk/by-path/ip-" + disk.session->portal.address + ":" +
-                             std::to_string(disk.session->portal.port) + "-iscsi-" + disk.session->iqn +
-                             "-lun-" + std::to_string(disk.lun->lun);
-    dev.Link(link, disk.name);
+    const fs::path path = LunPath(disk) / "block" / disk.name;
+    AddFile(devices.sys, LunPath(disk) / "state", "running");
+    AddFile(devices.sys, path / "size", "204800"); // sectors: 100 MiB
+    AddFolder(devices.sys, path / "slaves");
+    AddLink(devices.sys, path / "device", LunPath(disk));
+    AddLink(devices.sys, "block/" + disk.name, path);
+    AddLink(devices.sys, "class/block/" + disk.name, path);
     for (int i = 1; i <= disk.lun->partitions; ++i)
     {
-        const std::string name = PartitionName(disk.name, i);
-        sys.File(path / name / "partition", std::to_string(i));
-        sys.Folder(path / name / "holders");
-        sys.Link("class/block/" + name, path / name);
-        dev.Link(link + "-part" + std::to_string(i), name);
+        const std::string name = disk.name + std::to_string(i);
+        AddFile(devices.sys, path / name / "partition", std::to_string(i));
+        AddLink(devices.sys, "class/block/" + name, path / name);
     }
+    AddLink(devices.dev,
+            "disk/by-path/ip-" + disk.session->portal.address + ":" +
+                std::to_string(disk.session->portal.port) + "-iscsi-" + disk.session->iqn + "-lun-" +
+                std::to_string(disk.lun->lun),
+            disk.name);
 }
 
-void AddMap(Tree& sys, Tree& dev, const Scene& scene, const State& state, const MultipathMap& map)
+// Adds dm-NUMBER, which is made of the devices `below`. Returns its kernel name.
+std::string AddDmDevice(Devices& devices, int number, const std::string& name, const std::string& uuid,
+                        const std::vector<std::string>& below)
 {
-    const auto pathOf = [&](const std::string& name) {
-        return fs::path("devices/virtual/block/dm-" + std::to_string(state.dmNumbers.at(name)));
-    };
-    const auto stack = [&](const fs::path& upper, const fs::path& lower) {
-        sys.Link(upper / "slaves" / lower.filename(), lower);
-        sys.Link(lower / "holders" / upper.filename(), upper);
-    };
-    for (const DmDevice& device : DmDevicesOf(map))
+    const std::string kernelName = "dm-" + std::to_string(number);
+    const fs::path path = "class/block/" + kernelName;
+    AddFile(devices.sys, path / "dm/name", name);
+    AddFile(devices.sys, path / "dm/uuid", uuid);
+    for (const std::string& device : below)
+        AddLink(devices.sys, path / "slaves" / device, "class/block/" + device);
+    AddLink(devices.dev, "mapper/" + name, kernelName);
+    return kernelName;
+}
+
+// Adds the map on its paths, partitions on the map, and volumes on the last partition. Their numbers
+// begin with `number`.
+void AddMap(Devices& devices, const MultipathMap& map, const std::vector<std::string>& paths,
+            int number)
+{
+    const std::string uuid = "mpath-" + map.name;
+    const std::string mapName = AddDmDevice(devices, number, map.name, uuid, paths);
+    std::string last = mapName;
+    for (int i = 1; i <= map.partitions; ++i)
+        last = AddDmDevice(devices, ++number, map.name + std::to_string(i),
+                           "part" + std::to_string(i) + "-" + uuid, {mapName});
+    for (const std::string& volume : map.volumes)
+        AddDmDevice(devices, ++number, volume, "LVM-" + volume, {last});
+}
+
+std::vector<std::string> PathsOf(const MultipathMap& map, const std::vector<Disk>& disks)
+{
+    std::vector<std::string> paths;
+    for (const Disk& disk : disks)
     {
-        const fs::path path = pathOf(device.name);
-        AddBlockDevice(sys, path);
-        sys.File(path / "dm/name", device.name);
-        sys.File(path / "dm/uuid", device.uuid);
-        dev.Link("mapper/" + device.name, path.filename());
-        if (!device.below.empty())
-            stack(path, pathOf(device.below));
+        if (disk.lun->lun == map.lun &&
+            std::count(map.targets.begin(), map.targets.end(), disk.session->iqn) != 0)
+            paths.push_back(disk.name);
     }
-    for (const Disk& disk : DisksOf(scene, state))
+    return paths;
+}
+
+void WriteTree(const Tree& before, const Tree& after, const fs::path& root)
+{
+    for (auto gone = before.rbegin(); gone != before.rend(); ++gone)
     {
-        if (IsPath(map, disk))
-            stack(pathOf(map.name), LunPath(*disk.session, *disk.lun) / "block" / disk.name);
+        if (after.count(gone->first) == 0)
+            fs::remove(root / gone->first);
+    }
+    for (const auto& [path, entry] : after)
+    {
+        if (before.count(path) != 0)
+            continue;
+        if (entry.type == fs::file_type::directory)
+            fs::create_directories(root / path);
+        else if (entry.type == fs::file_type::symlink)
+            fs::create_symlink(entry.text, root / path);
+        else
+            std::ofstream(root / path) << entry.text << '\n';
     }
 }
 
@@ -267,7 +172,7 @@ std::vector<Disk> DisksOf(const Scene& scene, const State& state)
     for (const Session& session : state.sessions)
     {
         const Target* target = scene.FindTarget(session.iqn);
-        if (target == nullptr) // the scene was changed under a living session
+        if (target == nullptr) // somebody has changed the scene since the log-on
             continue;
         for (const Lun& lun : target->luns)
         {
@@ -279,63 +184,49 @@ std::vector<Disk> DisksOf(const Scene& scene, const State& state)
     return disks;
 }
 
-std::int64_t NowMs()
+void AttachDisks(const Scene& scene, State& state)
 {
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
-}
-
-std::optional<std::int64_t> Settle(const Scene& scene, State& state, std::int64_t nowMs)
-{
-    std::optional<std::int64_t> next;
     for (Session& session : state.sessions)
     {
         const Target* target = scene.FindTarget(session.iqn);
-        const std::vector<Lun> luns = target != nullptr ? target->luns : std::vector<Lun>();
-        for (const Lun& lun : luns)
+        if (target == nullptr)
+            continue;
+        for (const Lun& lun : target->luns)
         {
-            if (IsDue(lun, session, nowMs) && session.disks.count(lun.lun) == 0)
+            if (session.looks >= lun.atLook && session.disks.count(lun.lun) == 0)
                 session.disks[lun.lun] = FreeDiskName(scene, state, lun);
-            const std::int64_t wait = session.startedMs + lun.afterMs - nowMs;
-            if (lun.disk && wait > 0)
-                next = std::min(next.value_or(wait), wait);
         }
     }
-    for (const MultipathMap& map : scene.maps)
-        SettleMap(scene, state, map);
-    return next;
 }
 
-const MultipathMap* FindMapOf(const Scene& scene, const State& state, const Disk& disk)
+Devices DevicesOf(const Scene& scene, const State& state)
 {
-    const auto found = std::find_if(scene.maps.begin(), scene.maps.end(), [&](const MultipathMap& map) {
-        return state.dmNumbers.count(map.name) != 0 && IsPath(map, disk);
-    });
-    return found == scene.maps.end() ? nullptr : &*found;
-}
-
-void WriteDevices(const Scene& scene, const State& state, const fs::path& folder)
-{
-    Tree sys;
-    Tree dev;
-    for (const char* empty : {"block", "class/block", "class/iscsi_session", "class/iscsi_connection",
-                              "class/iscsi_transport/tcp"})
-        sys.Folder(empty);
-    dev.Folder("disk");
-    dev.Folder("mapper");
+    Devices devices;
+    AddFolder(devices.sys, "class/iscsi_transport/tcp");
+    AddFolder(devices.dev, "disk");
+    AddFolder(devices.dev, "mapper");
     for (const std::string& name : scene.localDisks)
-        AddBlockDevice(sys, "devices/pci0000:00/0000:00:04.0/" + name);
+        AddFolder(devices.sys, "class/block/" + name + "/slaves");
     for (const Session& session : state.sessions)
-        AddSession(sys, session);
-    for (const Disk& disk : DisksOf(scene, state))
-        AddDisk(sys, dev, disk);
+        AddSession(devices.sys, session);
+    const std::vector<Disk> disks = DisksOf(scene, state);
+    for (const Disk& disk : disks)
+        AddDisk(devices, disk);
+    int number = 0; // a map that is down keeps its numbers
     for (const MultipathMap& map : scene.maps)
     {
-        if (state.dmNumbers.count(map.name) != 0)
-            AddMap(sys, dev, scene, state, map);
+        const std::vector<std::string> paths = PathsOf(map, disks);
+        if (!paths.empty() && paths.size() >= map.minPaths)
+            AddMap(devices, map, paths, number);
+        number += 1 + map.partitions + static_cast<int>(map.volumes.size());
     }
-    sys.Write(folder / "sys");
-    dev.Write(folder / "dev");
+    return devices;
+}
+
+void WriteDevices(const Devices& before, const Devices& after, const fs::path& folder)
+{
+    WriteTree(before.sys, after.sys, folder / "sys");
+    WriteTree(before.dev, after.dev, folder / "dev");
 }
 
 } // namespace simulated

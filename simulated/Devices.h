@@ -1,9 +1,8 @@
-// The block devices of the simulated machine: which there are, and the sysfs and /dev that show them.
+// The block devices of the simulated machine, and its sysfs and /dev, with nothing but what the agent,
+// the device tree, the completion and the documents' hosts read.
 #pragma once
 
 #include "simulated/State.h"
-
-#include <optional>
 
 namespace simulated
 {
@@ -15,21 +14,31 @@ struct Disk
     const Lun* lun;
 };
 
-// The disks that are there, in the order of their sessions.
+// The disks that have appeared, in the order of their sessions and LUNs.
 std::vector<Disk> DisksOf(const Scene& scene, const State& state);
 
-// Milliseconds since the epoch.
-std::int64_t NowMs();
+// Gives a kernel name to every disk that appears now.
+void AttachDisks(const Scene& scene, State& state);
 
-// Gives every disk that is due its kernel name, and brings multipath maps up and down with their paths.
-// Result: the milliseconds until the next disk is due, or nothing when no disk waits for the clock.
-std::optional<std::int64_t> Settle(const Scene& scene, State& state, std::int64_t nowMs);
+struct Entry
+{
+    std::filesystem::file_type type;
+    std::string text; // the line of a file, the target of a link
+};
 
-// The map that has `kernelName` as a path and is up, or null.
-const MultipathMap* FindMapOf(const Scene& scene, const State& state, const Disk& disk);
+// The entries of a folder, by path below it. Parents come before children.
+using Tree = std::map<std::filesystem::path, Entry>;
 
-// Makes sys and dev below `folder` what the state asks for. What stays as it is isn't
-// touched, so that a reader never misses a device that has been there all the time.
-void WriteDevices(const Scene& scene, const State& state, const std::filesystem::path& folder);
+struct Devices
+{
+    Tree sys;
+    Tree dev;
+};
+
+Devices DevicesOf(const Scene& scene, const State& state);
+
+// Changes sys and dev below `folder` from `before` to `after`. What is in both is not touched: a reader
+// always finds it, and what a person has written into it stays.
+void WriteDevices(const Devices& before, const Devices& after, const std::filesystem::path& folder);
 
 } // namespace simulated

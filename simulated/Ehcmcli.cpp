@@ -1,5 +1,4 @@
-// The simulated /usr/sbin/ehcmcli: "status", a heading and an entry a volume that this host is
-// connected to.
+// The simulated /usr/sbin/ehcmcli: "status" reports the volumes that this host is connected to.
 //
 //   Connected volumes
 //   Volume: vol-alpha

@@ -1,33 +1,20 @@
 #include "simulated/Initiator.h"
 
 #include "simulated/Devices.h"
-#include "simulated/Reports.h"
 
 #include <algorithm>
-#include <tuple>
 
 namespace simulated
 {
 namespace
 {
 
-constexpr const char* kAuthMethod = "node.session.auth.authmethod";
-constexpr const char* kUser = "node.session.auth.username";
-constexpr const char* kSecret = "node.session.auth.password";
-constexpr const char* kUserIn = "node.session.auth.username_in";
-
-// The status with which an operation ends, and the tool's words for it.
+// The status of a log-on, and the tool's words for it.
 struct Verdict
 {
-    int status = 0;
-    const char* words = "";
+    int status;
+    std::string words;
 };
-constexpr Verdict kDone;
-constexpr Verdict kConnectionFailure{4, "encountered connection failure"};
-constexpr Verdict kTimedOut{8, "connection timed out"};
-constexpr Verdict kSessionExists{15, "session exists"};
-constexpr Verdict kFatalLogin{19, "encountered non-retryable iSCSI login failure"};
-constexpr Verdict kNotAuthorized{24, "iSCSI login failed due to authorization failure"};
 
 std::string Said(const std::string& words)
 {
@@ -39,287 +26,248 @@ Outcome NotFound(const std::string& words)
     return {21, "", Said(words)};
 }
 
-// What `text` after -p leads to: host names are those of the scene's portals.
-std::optional<PortalAddress> Resolve(const Scene& scene, const std::string& text)
-{
-    const PortalAddress at = ParsePortalAddress(text);
-    if (IsNumeric(at))
-        return at;
-    for (const Portal& portal : scene.portals)
-    {
-        if (!portal.name.empty() && portal.name == at.address)
-            return PortalAddress{portal.portal.address, at.port};
-    }
-    return std::nullopt;
-}
-
-// Whether a record or a session is one of the selection.
-template <class Item>
-auto IsSelected(const Scene& scene, const Selection& selection)
-{
-    const auto portal = Resolve(scene, selection.portal);
-    return [selection, portal](const Item& item) {
-        return (selection.iqn.empty() || item.iqn == selection.iqn) &&
-               (selection.portal.empty() || (portal && item.portal == *portal));
-    };
-}
-
-// Pointers into `items`, a state's records or sessions.
+// The first of `items`, node records or sessions, that belongs to `node`, or their end.
 template <class Items>
-auto Selected(const Scene& scene, Items& items, const Selection& selection)
+auto Find(Items& items, const Node& node)
 {
-    std::vector<decltype(&items.front())> selected;
-    const auto isSelected = IsSelected<typename Items::value_type>(scene, selection);
-    for (auto& item : items)
-    {
-        if (isSelected(item))
-            selected.push_back(&item);
-    }
-    return selected;
+    return std::find_if(items.begin(), items.end(), [&](const auto& item) {
+        return item.iqn == node.iqn && item.portal == node.portal;
+    });
 }
 
-const Session* FindSession(const State& state, const NodeRecord& record)
+bool HasSession(const State& state, const Node& node)
 {
-    const auto found =
-        std::find_if(state.sessions.begin(), state.sessions.end(), [&](const Session& session) {
-            return session.iqn == record.iqn && session.portal == record.portal;
-        });
-    return found == state.sessions.end() ? nullptr : &*found;
+    return Find(state.sessions, node) != state.sessions.end();
 }
 
-void AddRecord(State& state, const NodeRecord& record)
+// "target: IQN, portal: ADDRESS,PORT"
+std::string TargetAndPortal(const Node& node)
 {
-    const auto key = [](const NodeRecord& each) {
-        return std::tie(each.iqn, each.portal.address, each.portal.port, each.tpgt);
+    return "target: " + node.iqn + ", portal: " + node.portal.address + "," +
+           std::to_string(node.portal.port);
+}
+
+// "ADDRESS:PORT,TPGT IQN"
+std::string ListedAs(const Node& node)
+{
+    return FormatPortalAddress(node.portal) + ",1 " + node.iqn + "\n";
+}
+
+// Replaces a record of the same node: a discovery resets its settings.
+void AddRecord(State& state, const Node& node)
+{
+    if (const auto known = Find(state.nodes, node); known != state.nodes.end())
+        state.nodes.erase(known);
+    const auto key = [](const NodeRecord& record) {
+        return record.iqn + ' ' + FormatPortalAddress(record.portal);
     };
-    const auto at =
-        std::lower_bound(state.nodes.begin(), state.nodes.end(), record,
-                         [&](const NodeRecord& a, const NodeRecord& b) { return key(a) < key(b); });
-    if (at != state.nodes.end() && key(*at) == key(record))
-        *at = record;
-    else
-        state.nodes.insert(at, record);
+    const NodeRecord fresh{node.iqn, node.portal, {}};
+    const auto at = std::find_if(state.nodes.begin(), state.nodes.end(),
+                                 [&](const NodeRecord& each) { return key(fresh) < key(each); });
+    state.nodes.insert(at, fresh);
 }
 
-Outcome DiscoveryFailed(int status, const std::string& attempt, int attempts, const std::string& words)
+// Why a discovery cannot connect to `at`. `portal` is the scene's portal of this address, or null.
+std::string ConnectFailure(const PortalAddress& at, const Portal* portal)
 {
-    Outcome outcome{status, "", ""};
-    for (int i = 0; i < attempts; ++i)
-        outcome.err += Said(attempt);
-    if (status == 11)
-        outcome.err += Said("connection login retries (reopen_max) 5 exceeded");
-    outcome.err += Said("Could not perform SendTargets discovery: " + words);
-    return outcome;
+    if (portal == nullptr)
+        return "cannot make connection to " + at.address + ": Network is unreachable";
+    if (portal->answer == "refusing")
+        return "cannot make connection to " + at.address + ": Connection refused";
+    return "connect to " + at.address + " timed out";
 }
 
-int FreeHost(const State& state)
+bool IsOffered(const Target& target, const PortalAddress& at)
 {
-    std::set<int> used;
-    for (const Session& session : state.sessions)
-        used.insert(session.host);
-    return LowestFree(used);
+    return std::find(target.portals.begin(), target.portals.end(), at) != target.portals.end();
 }
 
-// The initiator offers CHAP where the record says so, and going without where the target wants none.
 bool IsAuthorized(const Target& target, const NodeRecord& record)
 {
     return target.chap.user.empty() ||
-           (record.Setting(kAuthMethod) == "CHAP" && record.Setting(kUser) == target.chap.user &&
-            record.Setting(kSecret) == target.chap.secret);
+           (record.Setting("node.session.auth.authmethod") == "CHAP" &&
+            record.Setting("node.session.auth.username") == target.chap.user &&
+            record.Setting("node.session.auth.password") == target.chap.secret);
 }
 
 Verdict OpenSession(const Scene& scene, State& state, const NodeRecord& record)
 {
     const Portal* portal = scene.FindPortal(record.portal);
     if (portal == nullptr || portal->answer == "silent")
-        return kTimedOut;
+        return {8, "connection timed out"};
     if (portal->answer == "refusing")
-        return kConnectionFailure;
-    const int sid = ++state.lastSid; // a log-on that fails from here on has used it up
+        return {4, "encountered connection failure"};
     const Target* target = scene.FindTarget(record.iqn);
-    if (target == nullptr || std::find(target->portals.begin(), target->portals.end(), record.portal) ==
-                                 target->portals.end())
-        return kFatalLogin;
+    if (target == nullptr || !IsOffered(*target, record.portal))
+        return {19, "encountered non-retryable iSCSI login failure"};
     if (!IsAuthorized(*target, record))
-        return kNotAuthorized;
-    Session session;
-    session.sid = sid;
-    session.host = FreeHost(state);
-    session.iqn = record.iqn;
-    session.portal = record.portal;
-    session.user = record.Setting(kUser);
-    session.userIn = record.Setting(kUserIn);
-    session.startedMs = NowMs();
-    state.sessions.push_back(session);
-    return kDone;
+        return {24, "iSCSI login failed due to authorization failure"};
+    state.sessions.push_back({++state.lastSid, record.iqn, record.portal, 0, 0, {}});
+    return {0, ""};
 }
 
-Verdict LogOnOne(const Scene& scene, State& state, const NodeRecord& record)
+// The tool sorts sessions by their identifiers as text: 1, 10, 2.
+std::vector<Session> InReportOrder(std::vector<Session> sessions)
 {
-    if (FindSession(state, record) == nullptr)
-        return OpenSession(scene, state, record);
-    return {kSessionExists.status, scene.sessionExists.c_str()};
+    std::sort(sessions.begin(), sessions.end(), [](const Session& a, const Session& b) {
+        return std::to_string(a.sid) < std::to_string(b.sid);
+    });
+    return sessions;
+}
+
+// The lines of the session's disks.
+std::string AttachedDisks(const Scene& scene, const State& state, const Session& session)
+{
+    std::string lines;
+    for (const Disk& disk : DisksOf(scene, state))
+    {
+        if (disk.session->sid == session.sid)
+            lines += "\t\tscsi" + std::to_string(session.sid) +
+                     " Channel 00 Id 0 Lun: " + std::to_string(disk.lun->lun) +
+                     "\n\t\t\tAttached scsi disk " + disk.name + "\t\tState: running\n";
+    }
+    return lines;
 }
 
 } // namespace
 
-Outcome Discover(const Scene& scene, State& state, const std::string& portal)
+PortalAddress Resolve(const Scene& scene, const std::string& text)
 {
-    const auto at = Resolve(scene, portal);
-    if (!at)
+    PortalAddress at = ParsePortalAddress(text);
+    for (const Portal& portal : scene.portals)
     {
-        const std::string name = ParsePortalAddress(portal).address;
-        Outcome failed =
-            DiscoveryFailed(4, "cannot resolve host name " + name, 2, kConnectionFailure.words);
-        failed.err.insert(0, Said("Cannot resolve host " + name +
-                                  ". getaddrinfo error: [Name or service not known]"));
-        return failed;
+        if (portal.name == at.address)
+            at.address = portal.portal.address;
     }
-    const Portal* found = scene.FindPortal(*at);
-    if (found == nullptr || found->answer != "answering")
-    {
-        const bool hostIsThere =
-            std::any_of(scene.portals.begin(), scene.portals.end(),
-                        [&](const Portal& each) { return each.portal.address == at->address; });
-        const std::string attempt =
-            found != nullptr && found->answer == "silent"
-                ? "connect to " + at->address + " timed out"
-                : "cannot make connection to " + at->address + ": " +
-                      (hostIsThere ? "Connection refused" : "Network is unreachable");
-        Outcome failed = DiscoveryFailed(11, attempt, 6, "iSCSI PDU timed out");
-        failed.pauseMs = scene.unreachableMs;
-        return failed;
-    }
+    return at;
+}
+
+Outcome Discover(const Scene& scene, State& state, const PortalAddress& at)
+{
     Outcome outcome;
+    const Portal* portal = scene.FindPortal(at);
+    if (portal == nullptr || portal->answer != "answering")
+    {
+        outcome.status = 11;
+        outcome.pauseMs = scene.unreachableMs;
+        constexpr int kAttempts = 6;
+        for (int i = 0; i < kAttempts; ++i)
+            outcome.err += Said(ConnectFailure(at, portal));
+        outcome.err += Said("connection login retries (reopen_max) 5 exceeded") +
+                       Said("Could not perform SendTargets discovery: iSCSI PDU timed out");
+        return outcome;
+    }
     for (const Target& target : scene.targets)
     {
-        if (std::find(target.portals.begin(), target.portals.end(), *at) == target.portals.end())
+        if (!IsOffered(target, at))
             continue;
-        outcome.out += ListedAs(*at, 1, target.iqn) + "\n";
-        AddRecord(state, {target.iqn, *at, 1, {}});
+        outcome.out += ListedAs({target.iqn, at});
+        AddRecord(state, {target.iqn, at});
     }
     return outcome;
 }
 
-Outcome ListNodes(const Scene& scene, const State& state, const Selection& selection)
+Outcome ListNodes(const State& state)
 {
     Outcome outcome;
-    for (const NodeRecord* record : Selected(scene, state.nodes, selection))
-        outcome.out += selection.iqn.empty() && selection.portal.empty()
-                           ? ListedAs(record->portal, record->tpgt, record->iqn) + "\n"
-                           : RecordReport(scene, *record);
+    for (const NodeRecord& record : state.nodes)
+        outcome.out += ListedAs({record.iqn, record.portal});
     return outcome.out.empty() ? NotFound("No records found") : outcome;
 }
 
-Outcome NewNode(const Scene& scene, State& state, const Selection& selection)
+Outcome UpdateNode(State& state, const Node& node, const std::string& name, const std::string& value)
 {
-    const auto at = Resolve(scene, selection.portal);
-    if (selection.iqn.empty() || !at)
-        return {7, "", Said("A new record needs -T and the address of a portal after -p.")};
-    AddRecord(state, {selection.iqn, *at, -1, {}});
-    return {0,
-            "New iSCSI node [tcp:[hw=,ip=,net_if=,iscsi_if=default] " + at->address + "," +
-                std::to_string(at->port) + ",-1 " + selection.iqn + "] added\n",
-            ""};
-}
-
-Outcome UpdateNodes(const Scene& scene, State& state, const Selection& selection,
-                    const std::string& name, const std::string& value)
-{
-    const auto records = Selected(scene, state.nodes, selection);
-    if (records.empty())
+    const auto record = Find(state.nodes, node);
+    if (record == state.nodes.end())
         return NotFound("No records found");
-    if (!IsSetting(name))
-        return {7, "",
-                Said("Cannot modify " + name + ". Invalid param name.") +
-                    Said("Could not execute operation on all records: invalid parameter")};
-    for (NodeRecord* record : records)
-        record->settings[name] = value;
+    record->settings[name] = value;
     return {};
 }
 
-Outcome DeleteNodes(const Scene& scene, State& state, const Selection& selection)
+Outcome DeleteNode(State& state, const Node& node)
 {
-    if (Selected(scene, state.nodes, selection).empty())
+    const auto record = Find(state.nodes, node);
+    if (record == state.nodes.end())
         return NotFound("No records found");
-    Outcome outcome;
-    const auto isSelected = IsSelected<NodeRecord>(scene, selection);
-    const auto goes = [&](const NodeRecord& record) {
-        if (!isSelected(record))
-            return false;
-        if (FindSession(state, record) == nullptr)
-            return true;
-        outcome.err += Said("This command will remove the record [iface: default, " +
-                            TargetAndPortal(record.iqn, record.portal) +
-                            "], but a session is using it. Logout session then rerun command to remove "
-                            "record.");
-        return false;
-    };
-    state.nodes.erase(std::remove_if(state.nodes.begin(), state.nodes.end(), goes), state.nodes.end());
-    if (outcome.err.empty())
-        return outcome;
-    outcome.status = kSessionExists.status;
-    outcome.err +=
-        Said(std::string("Could not execute operation on all records: ") + kSessionExists.words);
-    return outcome;
+    if (HasSession(state, node))
+        return {15, "",
+                Said("This command will remove the record [iface: default, " + TargetAndPortal(node) +
+                     "], but a session is using it. Logout session then rerun command to remove "
+                     "record.") +
+                    Said("Could not execute operation on all records: session exists")};
+    state.nodes.erase(record);
+    return {};
 }
 
-Outcome LogOn(const Scene& scene, State& state, const Selection& selection)
+Outcome LogOn(const Scene& scene, State& state, const Node& node)
 {
-    const auto records = Selected(scene, state.nodes, selection);
-    if (records.empty())
+    const auto record = Find(state.nodes, node);
+    if (record == state.nodes.end())
         return NotFound("No records found");
-    Outcome outcome;
-    std::string successes; // the tool announces every log-on before the first of them ends
-    for (const NodeRecord* record : records)
+    const std::string notAll = Said("Could not log into all portals");
+    const bool exists = HasSession(state, node);
+    if (exists && scene.sessionExists == "counted")
+        return {15, "", Said("default: 1 session requested, but 1 already present.") + notAll};
+    const Verdict verdict =
+        exists ? Verdict{15, scene.sessionExists} : OpenSession(scene, state, *record);
+    const std::string session = "[iface: default, " + TargetAndPortal(node) + "]";
+    Outcome outcome{verdict.status, "Logging in to " + session + "\n"};
+    if (verdict.status == 0)
     {
-        const std::string session =
-            "[iface: default, " + TargetAndPortal(record->iqn, record->portal) + "]";
-        const Verdict verdict = LogOnOne(scene, state, *record);
-        if (outcome.status == 0)
-            outcome.status = verdict.status;
-        if (verdict.status == kSessionExists.status && scene.sessionExists == "counted")
-        {
-            outcome.err += Said("default: 1 session requested, but 1 already present.");
-            continue;
-        }
-        outcome.out += "Logging in to " + session + "\n";
-        if (verdict.status == 0)
-        {
-            successes += "Login to " + session + " successful.\n";
-            continue;
-        }
-        if (verdict.status == kTimedOut.status)
-            outcome.pauseMs = scene.unreachableMs;
-        outcome.err += Said("Could not login to " + session + ".") +
-                       Said("initiator reported error (" + std::to_string(verdict.status) + " - " +
-                            verdict.words + ")");
+        outcome.out += "Login to " + session + " successful.\n";
+        return outcome;
     }
-    outcome.out += successes;
-    if (outcome.status != 0)
-        outcome.err += Said("Could not log into all portals");
+    if (verdict.status == 8)
+        outcome.pauseMs = scene.unreachableMs;
+    outcome.err = Said("Could not login to " + session + ".") +
+                  Said("initiator reported error (" + std::to_string(verdict.status) + " - " +
+                       verdict.words + ")") +
+                  notAll;
     return outcome;
 }
 
-Outcome LogOff(const Scene& scene, State& state, const Selection& selection)
+Outcome LogOff(State& state, const Node& node)
 {
+    const auto session = Find(state.sessions, node);
+    if (session == state.sessions.end())
+        return NotFound("No matching sessions found");
+    const std::string name =
+        "[sid: " + std::to_string(session->sid) + ", " + TargetAndPortal(node) + "]";
+    state.sessions.erase(session);
+    return {0, "Logging out of session " + name + "\nLogout of " + name + " successful.\n"};
+}
+
+// Target: iqn.2025-01.org.example:plain (non-flash)
+// 	Current Portal: 192.0.2.10:3260,1
+// 	Persistent Portal: 192.0.2.10:3260,1
+// 		SID: 1
+// 		iSCSI Session State: LOGGED_IN
+// 		Host Number: 1	State: running
+// 		scsi1 Channel 00 Id 0 Lun: 1
+// 			Attached scsi disk sdb		State: running
+//
+// Successive sessions of one target share one target line.
+Outcome ReportSessions(const Scene& scene, State& state)
+{
+    if (state.sessions.empty())
+        return NotFound("No active sessions.");
+    for (Session& session : state.sessions)
+        ++session.looks;
+    AttachDisks(scene, state); // the report shows those that appear at this look
     Outcome outcome;
-    std::string successes;
-    const auto isSelected = IsSelected<Session>(scene, selection);
+    std::string lastIqn;
     for (const Session& session : InReportOrder(state.sessions))
     {
-        if (!isSelected(session))
-            continue;
-        const std::string name = "[sid: " + std::to_string(session.sid) + ", " +
-                                 TargetAndPortal(session.iqn, session.portal) + "]";
-        outcome.out += "Logging out of session " + name + "\n";
-        successes += "Logout of " + name + " successful.\n";
+        const std::string portal = FormatPortalAddress(session.portal) + ",1\n";
+        const std::string sid = std::to_string(session.sid);
+        if (session.iqn != lastIqn)
+            outcome.out += "Target: " + session.iqn + " (non-flash)\n";
+        lastIqn = session.iqn;
+        outcome.out += "\tCurrent Portal: " + portal + "\tPersistent Portal: " + portal +
+                       "\t\tSID: " + sid + "\n\t\tiSCSI Session State: LOGGED_IN\n" +
+                       "\t\tHost Number: " + sid + "\tState: running\n" +
+                       AttachedDisks(scene, state, session);
     }
-    if (outcome.out.empty())
-        return NotFound("No matching sessions found");
-    outcome.out += successes;
-    state.sessions.erase(std::remove_if(state.sessions.begin(), state.sessions.end(), isSelected),
-                         state.sessions.end());
     return outcome;
 }
 

@@ -1,4 +1,5 @@
-// What the simulated iscsiadm does: each operation on its own, in the words of the real tool.
+// What the simulated iscsiadm does. Each function is one operation, and prints the words of the real
+// tool.
 #pragma once
 
 #include "simulated/Tool.h"
@@ -6,22 +7,26 @@
 namespace simulated
 {
 
-// Which records or sessions an operation is about.
-struct Selection
+// A node record, or its session.
+struct Node
 {
-    std::string iqn;    // empty: every target
-    std::string portal; // as given after -p; empty: every portal
+    std::string iqn;
+    PortalAddress portal;
 };
 
-Outcome Discover(const Scene& scene, State& state, const std::string& portal);
+// The portal that `text`, given after -p, names. Only the scene's portals have host names.
+PortalAddress Resolve(const Scene& scene, const std::string& text);
+
+Outcome Discover(const Scene& scene, State& state, const PortalAddress& at);
 
 // Node mode.
-Outcome ListNodes(const Scene& scene, const State& state, const Selection& selection);
-Outcome NewNode(const Scene& scene, State& state, const Selection& selection);
-Outcome UpdateNodes(const Scene& scene, State& state, const Selection& selection,
-                    const std::string& name, const std::string& value);
-Outcome DeleteNodes(const Scene& scene, State& state, const Selection& selection);
-Outcome LogOn(const Scene& scene, State& state, const Selection& selection);
-Outcome LogOff(const Scene& scene, State& state, const Selection& selection);
+Outcome ListNodes(const State& state);
+Outcome UpdateNode(State& state, const Node& node, const std::string& name, const std::string& value);
+Outcome DeleteNode(State& state, const Node& node);
+Outcome LogOn(const Scene& scene, State& state, const Node& node);
+Outcome LogOff(State& state, const Node& node);
+
+// Session mode, with -P3.
+Outcome ReportSessions(const Scene& scene, State& state);
 
 } // namespace simulated

@@ -1,5 +1,5 @@
-// simulated-prepare: readies the state folder for simulated/machine before the first tool runs: checks
-// the scene, and lays out sys, dev and sbin, the folder of the tools that the scene has installed.
+// simulated-prepare: what simulated/machine runs before the first tool. Checks the scene and makes sys,
+// dev, and sbin with the tools that the scene has installed.
 #include "simulated/Devices.h"
 #include "simulated/Tool.h"
 
@@ -10,14 +10,18 @@ namespace fs = std::filesystem;
 
 int main(int argc, char** argv)
 {
-    return RunTool("simulated-prepare", argc, argv, [](const Scene& scene, State&) {
+    return RunTool("simulated-prepare", argc, argv, [](const Scene& scene, State& state) {
         const fs::path tools = fs::read_symlink("/proc/self/exe").parent_path();
-        const fs::path sbin = fs::path(std::getenv("SIMULATED_STATE")) / "sbin";
-        fs::remove_all(sbin);
-        fs::create_directories(sbin);
-        fs::create_symlink(tools / "iscsiadm", sbin / "iscsiadm");
+        const fs::path folder = std::getenv("SIMULATED_STATE");
+        for (const char* name : {"sys", "dev", "sbin"})
+        {
+            fs::remove_all(folder / name);
+            fs::create_directory(folder / name);
+        }
+        WriteDevices({}, DevicesOf(scene, state), folder);
+        fs::create_symlink(tools / "iscsiadm", folder / "sbin/iscsiadm");
         if (scene.ehcmcliInstalled)
-            fs::create_symlink(tools / "ehcmcli", sbin / "ehcmcli");
+            fs::create_symlink(tools / "ehcmcli", folder / "sbin/ehcmcli");
         return Outcome{};
     });
 }

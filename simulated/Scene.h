@@ -1,4 +1,4 @@
-// What a simulated machine is made of, as its scene file says. scenes/demo.json explains every key.
+// The scene: what a simulated machine consists of. scenes/demo.json explains every key.
 #pragma once
 
 #include <stdexcept>
@@ -25,18 +25,17 @@ struct PortalAddress
     }
 };
 
-// "192.0.2.10", "192.0.2.10:3260", "[2001:db8::10]:3260", each with or without a ",TPGT" behind it.
-// What is none of these is taken for a name.
+// "192.0.2.10", "192.0.2.10:3260", "[2001:db8::10]:3260". Any other text is a host name.
 PortalAddress ParsePortalAddress(const std::string& text);
 
-// Whether it is an address and no name.
-bool IsNumeric(const PortalAddress& at);
+// The reverse, always with the port.
+std::string FormatPortalAddress(const PortalAddress& at);
 
 struct Portal
 {
     PortalAddress portal;
-    std::string name; // a host name that leads here; may be empty
-    std::string answer;
+    std::string name; // a host name of this address; may be empty
+    std::string answer = "answering";
 };
 
 struct ChapAccount
@@ -47,13 +46,10 @@ struct ChapAccount
 
 struct Lun
 {
-    int lun;
-    bool disk;
+    int lun = 0;
     std::vector<std::string> kernelNames;
-    std::string state;
-    int partitions;
-    int atLook;
-    int afterMs;
+    int partitions = 0;
+    int atLook = 0;
 };
 
 struct Target
@@ -64,17 +60,14 @@ struct Target
     std::vector<Lun> luns;
 };
 
-// A multipath map, what kpartx makes of it, and the logical volumes on top (of the last partition, if
-// any).
 struct MultipathMap
 {
     std::string name;
-    std::string wwid;
     std::vector<std::string> targets;
-    int lun;
-    int minPaths;
-    int partitions;
-    std::vector<std::string> volumes;
+    int lun = 1;
+    std::size_t minPaths = 1;
+    int partitions = 0;
+    std::vector<std::string> volumes; // LVM on the last partition, or on the map
 };
 
 // What ehcmcli reports of a target that has a session.
@@ -83,45 +76,37 @@ struct MpioVolume
     std::string name;
     std::string target;
     std::string device;
-    int atLook;
+    int atLook = 0;
 };
 
 // How one command goes wrong.
 struct Fault
 {
-    std::string command; // words, every one of which the command line holds
-    int times;           // the first matching runs that are struck; 0: all
-    int status;          // -1: the command's own; otherwise what it changed is undone
-    std::string output;
-    std::string stderrOutput;
-    bool half;
-    int leaveBehindMs;
+    std::string command;                   // the words that a command line must have
+    int times = 0;                         // how many of the matching runs fail; 0: all
+    int status = -1;                       // -1: the command's own; otherwise its changes are undone
+    std::string output = "{output}";       // {output}: what the command would have printed
+    std::string stderrOutput = "{stderr}"; // {stderr} likewise; {secret}: the CHAP secret
 };
 
 struct Scene
 {
-    std::string toolVersion;
-    bool detailedReport;
-    std::string sessionExists;
-    int unreachableMs;
-    std::string initiatorName;
-    std::string initiatorAddress;
+    std::string sessionExists = "counted";
+    int unreachableMs = 300;
     std::vector<std::string> localDisks; // kernel names
     std::vector<Portal> portals;
     std::vector<Target> targets;
     std::vector<MultipathMap> maps;
-    bool ehcmcliInstalled;
+    bool ehcmcliInstalled = false;
     std::vector<MpioVolume> ehcmcliVolumes;
     std::vector<Fault> faults;
 
-    // Before 2.0-873: a short report, no "(non-flash)".
-    bool ToolIsOld() const;
-
+    // Null if the scene has none.
     const Portal* FindPortal(const PortalAddress& at) const;
     const Target* FindTarget(const std::string& iqn) const;
 };
 
-// Throws Unusable, which says where in the file the mistake is.
+// Throws Unusable, which names the file, the key and the mistake.
 Scene ReadScene(const std::string& file);
 
 } // namespace simulated

@@ -1,13 +1,10 @@
-// What the simulated initiator remembers between two runs of its tools: node records, sessions,
-// devices.
+// What the simulated initiator remembers between two runs of its tools: node records and sessions.
 #pragma once
 
 #include "simulated/Scene.h"
 
-#include <cstdint>
 #include <filesystem>
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -18,52 +15,46 @@ struct NodeRecord
 {
     std::string iqn;
     PortalAddress portal;
-    int tpgt = 0;                                // -1: a record that a person made
-    std::map<std::string, std::string> settings; // those that are not as every new record has them
+    std::map<std::string, std::string> settings; // those that somebody has changed
 
-    std::string Setting(const std::string& name) const;
+    // Empty if nobody has changed it.
+    std::string Setting(const std::string& name) const
+    {
+        const auto found = settings.find(name);
+        return found == settings.end() ? "" : found->second;
+    }
 };
 
 struct Session
 {
-    int sid = 0;
-    int host = 0;
+    int sid = 0; // also the number of its SCSI host
     std::string iqn;
     PortalAddress portal;
-    std::string user; // the CHAP users of the log-on; never a secret
-    std::string userIn;
-    std::int64_t startedMs = 0;       // since the epoch
     int looks = 0;                    // session reports since the log-on
-    int mpioLooks = 0;                // status reports of ehcmcli since the log-on
-    std::map<int, std::string> disks; // LUN -> kernel name, once the disk is there
+    int mpioLooks = 0;                // reports of ehcmcli since the log-on
+    std::map<int, std::string> disks; // LUN -> kernel name, from the moment when the disk appears
 };
 
 struct State
 {
     int lastSid = 0;
-    std::vector<NodeRecord> nodes;        // in the order in which the tool lists them
-    std::vector<Session> sessions;        // in log-on order
-    std::map<std::string, int> dmNumbers; // device-mapper name -> N of dm-N
-    std::set<std::string> knownMaps;      // maps that have been up before
-    std::map<int, int> faultRuns;         // place of a fault in the scene -> matching runs so far
+    std::vector<NodeRecord> nodes;  // sorted by IQN and address, as the tool lists them
+    std::vector<Session> sessions;  // in log-on order
+    std::map<int, int> faultRuns{}; // index of a fault in the scene -> matching runs so far
 };
 
-// Hosts and device-mapper devices are numbered as the kernel does it: a number that is given up comes
-// back.
-int LowestFree(const std::set<int>& used);
-
-// The state file of a folder, locked against other tools from construction to destruction. It is
-// readable for its owner only: node records hold CHAP secrets.
+// The state file of a folder. Other tools are locked out from construction to destruction. The file is
+// readable for its owner only: node records contain CHAP secrets.
 class StateFile
 {
 public:
-    // Makes the folder when there is none. Throws Unusable.
+    // Throws Unusable.
     explicit StateFile(const std::filesystem::path& folder);
     StateFile(const StateFile&) = delete;
     StateFile& operator=(const StateFile&) = delete;
     ~StateFile();
 
-    // Replaces the file as a whole: a reader sees the old state or the new one. Throws Unusable.
+    // Replaces the file as a whole. Throws Unusable.
     void Save() const;
 
     State state;

@@ -1,11 +1,10 @@
-// The frame of a simulated tool: scene and state found, the command run under the scene's faults,
-// devices brought up to date, the outcome printed.
+// What every simulated tool does: read scene and state, run the command under the scene's faults,
+// update the devices, print the outcome.
 #pragma once
 
 #include "simulated/State.h"
 
 #include <functional>
-#include <optional>
 
 namespace simulated
 {
@@ -13,18 +12,16 @@ namespace simulated
 struct Outcome
 {
     int status = 0;
-    std::string out;
-    std::string err;
-    int pauseMs = 0; // between the two: the progress is printed, then the tool waits for the network
-    int leaveBehindMs = 0;
-    std::optional<std::int64_t> nextDiskMs = std::nullopt; // until a disk of this log-on shows up
+    std::string out{};
+    std::string err{};
+    int pauseMs = 0; // between the two, for the network
 };
 
-// Runs `command` as the tool `name` with the scene and the state folder that the environment variables
-// SIMULATED_SCENE and SIMULATED_STATE name. `command` works on a locked state, which is saved after it.
+// Runs `command` as the tool `name`. The environment variables SIMULATED_SCENE and SIMULATED_STATE name
+// scene and state folder. `command` gets a locked state, which is saved afterwards.
 //
-// Returns the exit status: the command's, or 2 when scene or state are not usable; then a sentence on
-// standard error says why, and nothing was changed.
+// Returns the exit status: the command's, or 2 if scene or state cannot be used; then a sentence on
+// standard error says why, and nothing has changed.
 int RunTool(const std::string& name, int argc, char** argv,
             const std::function<Outcome(const Scene&, State&)>& command);
 

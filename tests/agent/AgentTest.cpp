@@ -1,14 +1,16 @@
-// zniscsi as a person or a program meets it, in the simulated machine. What is done there, and what has
-// to come of it, is in scenarios.txt:
+// Runs zniscsi in the simulated machine, as a person or a program does. scenarios.txt has the commands
+// and what they must print:
 //
 //   == Title           a scenario, on a machine of its own
 //   scene {JSON}       changes simulated/scenes/demo.json, as a JSON merge patch
-//   $ COMMAND          run by a shell in that machine, behind prelude.sh
-//   > LINE             its standard output, line by line,
-//   ~ REGEX              or what is found in it,
-//   {JSON}               or some members of the one JSON object that it is
-//   ! REGEX            found in its standard error, which is empty where there is no such line
-//   = N                its exit status, 0 where there is no such line
+//   $ COMMAND          a shell in that machine runs it, after prelude.sh
+//   > LINE             a line of its standard output,
+//   ~ REGEX              or a match in its standard output,
+//   {JSON}               or some members of its standard output, which is one JSON object
+//   ! REGEX            a match in its standard error; without such a line standard error is empty
+//   = N                its exit status; without such a line 0
+//
+// ../../demo.sh is a test, too: no scenario repeats one of its steps.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -89,7 +91,7 @@ void AddExpectation(Step& step, const std::string& line)
         step.status = std::stoi(value);
         break;
     default:
-        throw std::invalid_argument("scenarios.txt: what is this? " + line);
+        throw std::invalid_argument("scenarios.txt: a line of no known kind: " + line);
     }
 }
 
@@ -127,8 +129,8 @@ std::string TestName(const std::string& title)
     return name;
 }
 
-// A folder of its own, gone with the test. Below it: given, what the test supplies; came, what the
-// steps printed; state, the machine's own.
+// Removes its folder in the end. The folder has three others: given, with the input of the test; out,
+// with what the steps printed; state, the state folder of the machine.
 class InTheMachine : public testing::Test
 {
 public:
@@ -136,7 +138,7 @@ public:
     {
         std::string folder = fs::temp_directory_path() / "agent-test.XXXXXX";
         m_folder = mkdtemp(folder.data());
-        for (const char* name : {"given/secrets", "came"})
+        for (const char* name : {"given/secrets", "out"})
             fs::create_directories(m_folder / name);
     }
     ~InTheMachine() override { fs::remove_all(m_folder); }
@@ -151,19 +153,19 @@ private:
         std::ofstream(m_folder / "given/scene.json") << scene;
     }
 
-    // All steps in one shell.
+    // One shell runs all steps.
     void WriteScript() const
     {
         std::ofstream script(m_folder / "given/steps.sh");
         script << "source=" << kSource << "\ntools='" TOOLS "'\n" << ReadText(kHere / "prelude.sh");
         for (std::size_t i = 0; i < m_scenario.steps.size(); ++i)
             script << "{\n"
-                   << m_scenario.steps[i].command << "\n} >came/" << i << ".out 2>came/" << i
+                   << m_scenario.steps[i].command << "\n} >out/" << i << ".out 2>out/" << i
                    << ".err </dev/null\n"
-                   << "echo $? >came/" << i << ".status\n";
+                   << "echo $? >out/" << i << ".status\n";
     }
 
-    // The exit status of the machine itself; what it said is in the file machine.err.
+    // Returns the exit status of the machine itself. Its standard error is in the file machine.err.
     int RunScript() const
     {
         const std::string line = "cd '" + m_folder.string() + "' && timeout 60 '" +
@@ -171,15 +173,15 @@ private:
                                  "' --tools '" TOOLS "' --scene given/scene.json --state state "
                                  "sh given/steps.sh 2>machine.err";
         return WEXITSTATUS(
-            std::system(line.c_str())); // NOLINT(cert-env33-c): scenarios are shell lines
+            std::system(line.c_str())); // NOLINT(cert-env33-c): a scenario consists of shell lines
     }
 
-    std::string Came(std::size_t step, const char* what) const
+    std::string ReadResult(std::size_t step, const char* what) const
     {
-        return ReadText(m_folder / "came" / (std::to_string(step) + what));
+        return ReadText(m_folder / "out" / (std::to_string(step) + what));
     }
 
-    // The files that hold a secret, but for those that may.
+    // The files that contain a secret, except the input and the state of the simulated initiator.
     std::vector<fs::path> FindSecrets() const
     {
         std::vector<std::string> secrets;
@@ -213,19 +215,20 @@ void ExpectFound(const std::vector<std::string>& patterns, const std::string& te
         EXPECT_TRUE(std::regex_search(text, std::regex(pattern))) << pattern << " is not in: " << text;
 }
 
-// The reasons of a failure, as standard error tells them.
-std::vector<std::string> Complaints(const std::string& error)
+// The reasons of a failure in `error`, the standard error of a step.
+std::vector<std::string> ReasonsIn(const std::string& error)
 {
     const std::string mark = "zniscsi: ";
-    std::vector<std::string> complaints;
+    std::vector<std::string> reasons;
     std::istringstream stream(error);
     for (std::string line; std::getline(stream, line);)
         if (line.rfind(mark, 0) == 0 && line.rfind(mark + "warning: ", 0) != 0)
-            complaints.push_back(line.substr(mark.size()));
-    return complaints;
+            reasons.push_back(line.substr(mark.size()));
+    return reasons;
 }
 
-// Exactly one object, with `expected` in it, that says the same as exit status and standard error.
+// `output` is one object. It has the members of `expected`, and agrees with exit status and standard
+// error.
 void ExpectObject(const json& expected, const std::string& output, int status, const std::string& error)
 {
     const json object = json::parse(output, nullptr, false);
@@ -236,7 +239,7 @@ void ExpectObject(const json& expected, const std::string& output, int status, c
     EXPECT_EQ(object.value("ok", status != 0), status == 0) << object;
     EXPECT_EQ(object.value("exit", 0), status) << object;
     const std::vector<std::string> none;
-    EXPECT_EQ(object.value("reasons", none), status == 0 ? none : Complaints(error)) << object;
+    EXPECT_EQ(object.value("reasons", none), status == 0 ? none : ReasonsIn(error)) << object;
 }
 
 void InTheMachine::TestBody()
@@ -244,17 +247,17 @@ void InTheMachine::TestBody()
     WriteScene();
     WriteScript();
     const int machineStatus = RunScript();
-    // For an ordinary user older kernels refuse the mounts.
+    // Older kernels refuse the mounts of an ordinary user.
     if (machineStatus == 126 || (machineStatus == 127 && geteuid() != 0))
         GTEST_SKIP() << "no simulated machine here, says " << ReadText(m_folder / "machine.err");
     ASSERT_EQ(machineStatus, 0) << ReadText(m_folder / "machine.err");
     for (std::size_t i = 0; i < m_scenario.steps.size() && !HasFailure(); ++i)
     {
         const Step& step = m_scenario.steps[i];
-        const std::string output = Came(i, ".out");
-        const std::string error = Came(i, ".err");
+        const std::string output = ReadResult(i, ".out");
+        const std::string error = ReadResult(i, ".err");
         SCOPED_TRACE("$ " + step.command);
-        EXPECT_EQ(Came(i, ".status"), std::to_string(step.status) + '\n') << output << error;
+        EXPECT_EQ(ReadResult(i, ".status"), std::to_string(step.status) + '\n') << output << error;
         if (!step.object.is_null())
             ExpectObject(step.object, output, step.status, error);
         else if (!step.outputPatterns.empty())

@@ -1,4 +1,4 @@
-// The agent's look at sysfs and /proc, on recorded machines (machines.txt), and its pure functions.
+// What the agent reads in sysfs and /proc of recorded machines (machines.txt), and its pure functions.
 #include "agent/Arguments.h"
 #include "agent/Initiator.h"
 #include "agent/Questions.h"
@@ -194,8 +194,8 @@ TEST(Portal, IsReadMatchedAndShown)
     struct Row
     {
         const char* text;
-        const char* shown; // null: it is none
-        bool isTheOne;     // 192.0.2.10
+        const char* shown; // null: not a portal
+        bool isTheOne;     // equal to 192.0.2.10
     };
     for (const Row& row :
          {Row{"192.0.2.10", "192.0.2.10", true}, Row{"192.0.2.10:3260,1", "192.0.2.10", true},
@@ -284,7 +284,7 @@ TEST(Reasons, AreEachSaidOnceWithTheNextStep)
     const Failure unexplained = Explain({"cannot", "iscsiadm: broken"}, request, Cause::NoDevice);
     EXPECT_STREQ(NameOf(*unexplained.answer->cause), "no-device");
     EXPECT_THAT(unexplained.answer->reasons, ElementsAre("cannot", "iscsiadm: broken"));
-    // A refused discovery ends with a time-out.
+    // The report of a refused discovery ends with a time-out; the refusal decides.
     EXPECT_EQ(Explain({"Connection refused", "iSCSI PDU timed out"}, request, Cause::ToolFailed)
                   .answer->cause,
               Cause::Unreachable);
