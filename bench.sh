@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and measures what has to stay cheap, each against something that does the same
-# work, in turn with it, so that other load on the machine meets both. Prints one table, and draws the times of a
-# look-up over the number of sessions in build/bench/look-up.svg.
+# Installs what is missing, builds, and measures what must stay cheap: each against something that does the same work,
+# in turn with it, so that other load on the machine affects both. Prints one table, and draws the times of a look-up
+# over the number of sessions in build/bench/look-up.svg.
 #
-# Takes a minute once it is built. Exit status 0 only if no figure is above what the project holds itself to.
+# Takes a minute after the build. Exit status 0 only if no figure exceeds its limit.
 set -euo pipefail
 cd "$(dirname "$(realpath "$0")")"
 
-# What the project holds itself to: a row's key, the most that it may be, and its title. "x" is a ratio, ours to
-# the other; a number without it is that of ours alone.
+# The limits: the key of a row, its maximum, and its title. "x" limits the ratio of ours to the other, a number without it
+# limits ours alone.
 limits() {
     cat <<'END'
 == A run of /bin/true, against posix_spawn with the same duties
@@ -56,7 +56,7 @@ build bench
 
 programs=$PWD/build/bench/bin
 run=$PWD/build/bench/run
-figures=$run/figures # a line each: key, ours, the other's
+figures=$run/figures # one per line: key, ours, the other's
 rm -rf "$run"
 mkdir -p "$run"
 unset ZN_LOG_MAX_SIZE
@@ -73,7 +73,7 @@ for level in 0 -1; do
         sh -c 'mount --bind "$1" /usr/sbin/iscsiadm && exec "$2" look-ups' sh "$programs"/{PrintFile,Bench} >>"$figures"
 done
 
-# Sessions across, microseconds up, both in powers of ten.
+# Sessions on the horizontal axis, time on the vertical one, both logarithmic.
 draw_look_ups() {
     awk '
     function x(sessions) { return 80 + 150 * log(sessions) / log(10) }
@@ -123,7 +123,7 @@ draw_look_ups() {
     }' "$figures"
 }
 
-# The table; status 1 if a row is above its limit, or was not measured.
+# Prints the table. Status 1 if a row exceeds its limit or was not measured.
 print_table() {
     limits | awk -v figures="$figures" '
     function shown(value, limit) {

@@ -1,4 +1,4 @@
-// Bench GROUP: measures it, and writes a line a figure for bench.sh.
+// Bench GROUP: measures a group of figures and prints one per line, for bench.sh.
 
 #include "bench/Groups.h"
 

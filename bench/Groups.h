@@ -1,4 +1,4 @@
-// What is measured, in groups: one a process, since the log's level is read once.
+// The groups of figures. Each runs in a process of its own: the log's level is read once per process.
 #pragma once
 
 namespace bench
@@ -7,7 +7,7 @@ namespace bench
 void MeasureRuns();
 void MeasureParser();
 void MeasureLog();
-// In the simulated machine, with PrintFile in the place of iscsiadm.
+// Runs in the simulated machine, with PrintFile in place of iscsiadm.
 void MeasureLookUps();
 void MeasureMachines();
 

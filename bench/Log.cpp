@@ -1,6 +1,7 @@
-// A line of the log against formatting the same text and writing it to a file that is kept open.
+// A line of the log, compared with formatting the same text and writing it to an open file.
 
 #include "standalone/znlib/Log.h"
+
 #include "bench/Groups.h"
 #include "bench/Measure.h"
 #include "host/EvDebug.h"
@@ -16,7 +17,7 @@
 namespace
 {
 
-constexpr int kLines = 1000; // in one call, as a parser writes them
+constexpr int kLines = 1000; // of one call, like the lines of a parser
 constexpr char kIqn[] = "iqn.2025-01.org.example:plain";
 
 void LogLines(int level)

@@ -1,4 +1,4 @@
-// A look-up of a resident host, through the shipped library, against its tool alone.
+// A look-up by a resident host, through the shipped library, compared with its tool alone.
 
 #include "bench/Groups.h"
 #include "bench/Measure.h"

@@ -1,4 +1,4 @@
-// What reads sysfs, on made-up machines of ten to ten thousand disks.
+// The readers of sysfs, on synthetic machines with ten to ten thousand disks.
 
 #include "agent/Machine.h"
 #include "agent/Questions.h"

@@ -14,14 +14,14 @@ namespace
 
 using std::chrono::steady_clock;
 
-double Time(const bench::Work& work)
+double Time(const bench::Function& work)
 {
     const auto begin = steady_clock::now();
     work();
     return std::chrono::duration<double>(steady_clock::now() - begin).count();
 }
 
-double CountFaults(const bench::Work& work)
+double CountFaults(const bench::Function& work)
 {
     rusage before{}, after{};
     getrusage(RUSAGE_SELF, &before);
@@ -38,8 +38,8 @@ void Report(const std::string& key, double ours, double peers)
 
 } // namespace
 
-void bench::CompareTimes(const std::string& key, const Work& ours, const Work& peers,
-                         const Work& before)
+void bench::CompareTimes(const std::string& key, const Function& ours, const Function& peers,
+                         const Function& before)
 {
     constexpr std::chrono::milliseconds kDuration{1200};
     constexpr int kMinRounds = 10;
@@ -56,11 +56,11 @@ void bench::CompareTimes(const std::string& key, const Work& ours, const Work& p
     Report(key, least, peersLeast);
 }
 
-void bench::CompareFaults(const std::string& key, const Work& ours, const Work& peers,
-                          const Work& before)
+void bench::CompareFaults(const std::string& key, const Function& ours, const Function& peers,
+                          const Function& before)
 {
     constexpr int kRounds = 100;
-    ours(); // what only the first round needs is not counted
+    ours(); // warms up
     peers();
     double sum = 0;
     double peersSum = 0;
@@ -74,7 +74,7 @@ void bench::CompareFaults(const std::string& key, const Work& ours, const Work& 
     Report(key, sum / kRounds, peersSum / kRounds);
 }
 
-void bench::CompareSystemCalls(const std::string& key, const Work& ours, const Work& peers)
+void bench::CompareSystemCalls(const std::string& key, const Function& ours, const Function& peers)
 {
     Report(key, CountSystemCalls(ours), CountSystemCalls(peers));
 }

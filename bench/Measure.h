@@ -1,5 +1,5 @@
-// How everything here is measured: in turn with what it is compared with, so that whatever else the
-// machine does meets both. Each writes a line for bench.sh: the row's key and both figures.
+// Measures two functions in turn, so that other load on the machine affects both, and prints a line for
+// bench.sh: the key of the row and both figures.
 #pragma once
 
 #include <functional>
@@ -8,19 +8,21 @@
 namespace bench
 {
 
-using Work = std::function<void()>;
+using Function = std::function<void()>;
 
-// The seconds that the shortest of many rounds of each takes. `before` is done before every round, and
-// not measured.
+// The seconds of the shortest of many rounds of each. `before` runs before every round and is not
+// measured.
 void CompareTimes(
-    const std::string& key, const Work& ours, const Work& peers, const Work& before = [] {});
+    const std::string& key, const Function& ours, const Function& peers,
+    const Function& before = [] {});
 
-// The page faults of one round of each: the mean of many.
+// The page faults of one round of each: the mean of many rounds.
 void CompareFaults(
-    const std::string& key, const Work& ours, const Work& peers, const Work& before = [] {});
+    const std::string& key, const Function& ours, const Function& peers,
+    const Function& before = [] {});
 
-// The system calls of one round of each and, until they become a tool, of the processes that it starts.
-// Throws std::runtime_error where no process may be traced.
-void CompareSystemCalls(const std::string& key, const Work& ours, const Work& peers);
+// The system calls of one round of each, including those of its child processes before execve. Throws
+// std::runtime_error if processes cannot be traced.
+void CompareSystemCalls(const std::string& key, const Function& ours, const Function& peers);
 
 } // namespace bench

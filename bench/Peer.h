@@ -1,4 +1,4 @@
-// What a run of a tool is compared with.
+// The peer of a run of a tool.
 #pragma once
 
 #include <vector>
@@ -6,10 +6,9 @@
 namespace bench
 {
 
-// Runs a tool with posix_spawn and does all that the process runner does for it: /dev/null as input, no
-// descriptor above 2, default signals, LC_ALL=C, both streams drained as they come, waited for. What it
-// prints is read and dropped. `words` is its full path and its arguments. Throws std::runtime_error
-// when it fails.
+// Runs a tool with posix_spawn and does what the process runner does: /dev/null as input, no descriptor
+// above 2, default signals, LC_ALL=C, reads both streams concurrently, waits for the tool. The output
+// is dropped. `words` is the full path and the arguments. Throws std::runtime_error if the tool fails.
 void RunWithPosixSpawn(std::vector<const char*> words);
 
 } // namespace bench

@@ -1,4 +1,4 @@
-// A tool that does nothing but print the file that PRINTED_FILE names.
+// A tool that only prints the file in PRINTED_FILE.
 
 #include <cstdlib>
 

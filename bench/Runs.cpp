@@ -1,4 +1,4 @@
-// What a run of a tool costs its host, and the start of the agent its user.
+// The cost of a run of a tool, and of the start of the agent.
 
 #include "bench/Groups.h"
 #include "bench/Measure.h"
@@ -16,7 +16,7 @@
 namespace
 {
 
-// Afterwards every page that the host writes to is a fault.
+// Afterwards the first write to each page is a page fault.
 void Fork()
 {
     const pid_t child = fork();

@@ -1,4 +1,4 @@
-// Session reports of any size, made of a recorded one.
+// Session reports of any size, made from a recorded one.
 #pragma once
 
 #include <string>
@@ -6,7 +6,7 @@
 namespace bench
 {
 
-// What the tool prints of `sessions` sessions, each to a target of its own: "...:plain-0" and so on.
+// The tool's report on `sessions` sessions, each to a target of its own: "...:plain-0" and so on.
 std::string SessionReport(int sessions);
 
 } // namespace bench

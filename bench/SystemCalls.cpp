@@ -62,6 +62,6 @@ int CountStops(const std::function<void()>& work)
 
 int bench::CountSystemCalls(const std::function<void()>& work)
 {
-    // A call stops at its beginning and at its end. Those of the two signals are no part of the work.
+    // Each call stops twice, on entry and on exit. The calls around the two signals are subtracted.
     return (CountStops(work) - CountStops([] {})) / 2;
 }

@@ -1,4 +1,4 @@
-// How many system calls something takes.
+// Counts system calls with ptrace.
 #pragma once
 
 #include <functional>
@@ -6,8 +6,9 @@
 namespace bench
 {
 
-// Those of `work` and, until they become a tool, of the processes that it starts. It is done once
-// before it is counted, in a forked child. Throws std::runtime_error where no process may be traced.
+// The system calls of `work`, including those of its child processes before execve. Runs `work` twice
+// in a forked child and counts the second time. Throws std::runtime_error if processes cannot be
+// traced.
 int CountSystemCalls(const std::function<void()>& work);
 
 } // namespace bench
