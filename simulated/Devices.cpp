@@ -107,7 +107,7 @@ void AddDisk(Devices& devices, const Disk& disk)
 std::string AddDmDevice(Devices& devices, int number, const std::string& name, const std::string& uuid,
                         const std::vector<std::string>& below)
 {
-    const std::string kernelName = "dm-" + std::to_string(number);
+    std::string kernelName = "dm-" + std::to_string(number);
     const fs::path path = "class/block/" + kernelName;
     AddFile(devices.sys, path / "dm/name", name);
     AddFile(devices.sys, path / "dm/uuid", uuid);

@@ -263,10 +263,11 @@ Outcome ReportSessions(const Scene& scene, State& state)
         if (session.iqn != lastIqn)
             outcome.out += "Target: " + session.iqn + " (non-flash)\n";
         lastIqn = session.iqn;
-        outcome.out += "\tCurrent Portal: " + portal + "\tPersistent Portal: " + portal +
-                       "\t\tSID: " + sid + "\n\t\tiSCSI Session State: LOGGED_IN\n" +
-                       "\t\tHost Number: " + sid + "\tState: running\n" +
-                       AttachedDisks(scene, state, session);
+        outcome.out += "\tCurrent Portal: " + portal;
+        outcome.out += "\tPersistent Portal: " + portal;
+        outcome.out += "\t\tSID: " + sid + "\n\t\tiSCSI Session State: LOGGED_IN\n";
+        outcome.out += "\t\tHost Number: " + sid + "\tState: running\n";
+        outcome.out += AttachedDisks(scene, state, session);
     }
     return outcome;
 }
