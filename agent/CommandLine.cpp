@@ -3,11 +3,11 @@
 #include "agent/Commands.h"
 #include "standalone/znlib/Text.h"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <cstdlib>
 #include <sstream>
-
-#include <CLI/CLI.hpp>
 
 namespace
 {

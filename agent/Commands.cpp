@@ -98,6 +98,13 @@ struct Node
         return SelectSessions(sessions, iqn, &portal);
     }
 
+    // Before an answer that something is not there: fails if the name of the portal cannot be resolved.
+    void RequireResolved(const std::string& sentence) const
+    {
+        if (!portal.Error().empty())
+            throw Failure(Cause::Unreachable, {sentence, portal.Error()});
+    }
+
     PortalMatcher portal;
     std::string iqn;
     std::string name;
@@ -129,6 +136,16 @@ bool AnyIsLoggedIn(const std::vector<Session>& sessions)
     return std::any_of(sessions.begin(), sessions.end(), IsLoggedIn);
 }
 
+bool IsLost(const Session& session)
+{
+    return session.state == "FAILED";
+}
+
+bool AnyIsLost(const std::vector<Session>& sessions)
+{
+    return std::any_of(sessions.begin(), sessions.end(), IsLost);
+}
+
 template <class Values>
 std::string Lines(const Values& values)
 {
@@ -157,7 +174,7 @@ std::string PortalOf(const Session& session)
     return session.portal ? FormatPortal(*session.portal) : "";
 }
 
-// Null stands for what does not apply.
+// Null for what does not apply.
 nlohmann::ordered_json TextOrNull(const std::string& text)
 {
     return text.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(text);
@@ -165,19 +182,31 @@ nlohmann::ordered_json TextOrNull(const std::string& text)
 
 // --- log-on
 
+// The sessions of the node. Another program may be logging on: waits for a session that is not lost.
+std::vector<Session> FindSessions(const Node& node)
+{
+    std::vector<Session> sessions;
+    Await(kMaxSettling, [&] {
+        sessions = node.Select(ReadSessions());
+        return sessions.empty() || AnyIsLoggedIn(sessions) || AnyIsLost(sessions);
+    });
+    return sessions;
+}
+
 // The answer if the node has `sessions`. Throws Failure if none of them is logged in.
 Answer AnswerLogOn(const std::vector<Session>& sessions, const Request& request, bool isNew)
 {
     if (AnyIsLoggedIn(sessions))
         return {isNew ? "logged on\n" : "already logged on\n", {{"already", !isNew}}};
     const Session& session = sessions.front();
-    throw Failure(Cause::SessionFailed,
-                  {"cannot log on to " + Node(request).name,
-                   "session " + std::to_string(session.sid) +
-                       " is there, but its connection is lost (" + session.state +
-                       "), and the initiator tries to restore it",
-                   "see that " + request.portal + " can be reached, or end it: zniscsi logoff " +
-                       request.portal + ' ' + request.iqn});
+    throw Failure(
+        Cause::SessionFailed,
+        {"cannot log on to " + Node(request).name,
+         "session " + std::to_string(session.sid) + " is there, but " +
+             (IsLost(session) ? "its connection is lost (FAILED), and the initiator tries to restore it"
+                              : "it is not logged in (" + session.state + ')'),
+         "see that " + request.portal + " can be reached, or end it: zniscsi logoff " + request.portal +
+             ' ' + request.iqn});
 }
 
 Answer AnswerLogOnBefore(const std::vector<Session>& sessions, const Request& request)
@@ -209,6 +238,20 @@ bool RunLogOn(const Initiator& initiator, const Request& request, const Secret* 
 
 // --- log-off
 
+// Before the answer that the node has no session: fails if one of `others`, sessions with the same
+// target, may be the node's.
+void RequireNoOther(const std::vector<Session>& others, const Node& node, const std::string& sentence)
+{
+    for (const Session& session : others)
+    {
+        node.RequireResolved(sentence);
+        if (!session.portal)
+            throw Failure(Cause::ToolFailed,
+                          {sentence, "the kernel does not show the portal of session " +
+                                         std::to_string(session.sid)});
+    }
+}
+
 void RefuseLosses(const std::vector<std::string>& losses, const Node& node)
 {
     if (losses.empty())
@@ -237,6 +280,12 @@ bool HasRecord(const std::vector<NodeRecord>& records, const Node& node)
     return std::any_of(records.begin(), records.end(), [&node](const NodeRecord& record) {
         return record.iqn == node.iqn && node.portal.Matches(record.portal);
     });
+}
+
+bool HasTarget(const std::vector<NodeRecord>& records, const std::string& iqn)
+{
+    return std::any_of(records.begin(), records.end(),
+                       [&iqn](const NodeRecord& record) { return record.iqn == iqn; });
 }
 
 std::vector<NodeRecord> RequireRecords(const LibraryCall& call, const std::string& sentence)
@@ -273,15 +322,20 @@ std::vector<std::string> DevicesOf(const std::vector<Session>& sessions)
     const std::vector<Session> sessions = SelectSessions(ReadSessions(), iqn);
     if (sessions.empty())
         call.Fail(Cause::NoSession, {sentence, words::kNoSessionWith + iqn});
-    if (DevicesOf(sessions).empty())
+    const std::vector<std::string> devices = DevicesOf(sessions);
+    if (devices.empty())
         call.Fail(Cause::NoDevice,
                   {sentence, "the session with " + iqn + " presents none (yet: --wait S)"});
+    if (ParseReasons(call.watch.Errors()).empty())
+        call.Fail(Cause::ToolFailed,
+                  {sentence, "the kernel shows " + devices.front() +
+                                 ", but the report of /sbin/iscsiadm does not: try again"});
     call.Fail(Cause::ToolFailed, {sentence});
 }
 
-void WarnOfDeadPaths(const std::vector<Session>& sessions, const std::vector<std::string>& devices)
+void WarnOfDeadPaths(const std::vector<Path>& paths)
 {
-    for (const Path& path : FindPaths(sessions, devices))
+    for (const Path& path : paths)
         if (const std::string state = DescribeState(path.session, &path.disk); state != "LOGGED_IN")
             PrintError("warning: " + path.disk.device + " does not work now: its state is " + state);
 }
@@ -432,11 +486,11 @@ Answer LogOn(const Request& request)
     const Node node(request);
     const LibraryCall call(request);
     // Look before the prompt for a secret, and again under the lock.
-    if (const auto sessions = node.Select(ReadSessions()); !sessions.empty())
+    if (const auto sessions = FindSessions(node); !sessions.empty())
         return AnswerLogOnBefore(sessions, request);
     const std::unique_ptr<const Secret> secret = ReadSecret(request);
     const RecordLock lock = LockRecord(node.portal, request);
-    if (const auto sessions = node.Select(ReadSessions()); !sessions.empty())
+    if (const auto sessions = FindSessions(node); !sessions.empty())
         return AnswerLogOnBefore(sessions, request);
 
     const SlowWork work("logging on to " + node.name);
@@ -462,10 +516,14 @@ Answer LogOff(const Request& request)
     const Node node(request);
     const LibraryCall call(request);
     const RecordLock lock = LockRecord(node.portal, request);
+    const std::string sentence = "cannot log off from " + node.name;
     const Machine machine = ReadMachine();
     const std::vector<Session> ending = node.Select(machine.sessions);
     if (ending.empty())
+    {
+        RequireNoOther(SelectSessions(machine.sessions, node.iqn), node, sentence);
         return {"already logged off\n", {{"already", true}}};
+    }
     if (!request.force)
         RefuseLosses(FindLosses(machine, ending), node);
 
@@ -476,7 +534,6 @@ Answer LogOff(const Request& request)
                               [&] { return Remaining(ending, ReadSessions()).empty(); });
     if (isGone)
         return {isReported ? "logged off\n" : "already logged off\n", {{"already", !isReported}}};
-    const std::string sentence = "cannot log off from " + node.name;
     if (isReported)
         call.Fail(Cause::ToolFailed,
                   {sentence, "/sbin/iscsiadm reported success, but the kernel still has the session"});
@@ -490,8 +547,12 @@ Answer Forget(const Request& request)
     const RecordLock lock = LockRecord(node.portal, request);
     const std::string sentence = "cannot delete the node record of " + node.name;
     Answer already{"already forgotten\n", {{"already", true}}};
-    if (!HasRecord(RequireRecords(call, sentence), node))
+    if (const auto records = RequireRecords(call, sentence); !HasRecord(records, node))
+    {
+        if (HasTarget(records, node.iqn))
+            node.RequireResolved(sentence);
         return already;
+    }
     if (call.initiator.Concrete().DeleteiSCSIIQNFromiSCSIAdmDb(request.portal.c_str(),
                                                                request.iqn.c_str()) == 1)
         return {"forgotten\n", {{"already", false}}};
@@ -522,10 +583,11 @@ Answer FindDisks(const Request& request)
     LibraryCall call(request);
     std::list<std::string> devices, before;
     // Disks appear one by one: with --wait, two looks must agree.
+    const bool waits = request.waitSeconds.value_or(0) > 0;
     const auto isComplete = [&] {
         if (request.diskCount)
             return devices.size() >= *request.diskCount;
-        return !devices.empty() && (!request.waitSeconds || devices == std::exchange(before, devices));
+        return !devices.empty() && (!waits || devices == std::exchange(before, devices));
     };
     std::vector<Session> sessions;
     const bool isFound = call.WaitFor("the disks of " + request.iqn, [&] {
@@ -543,7 +605,11 @@ Answer FindDisks(const Request& request)
     if (!isFound && request.diskCount)
         call.Fail(Cause::NoDevice, {"found " + std::to_string(devices.size()) + " of " +
                                     std::to_string(*request.diskCount) + " disks of " + request.iqn});
-    WarnOfDeadPaths(sessions, {devices.begin(), devices.end()});
+    if (!isFound)
+        call.Fail(Cause::NoDevice, {"found " + std::to_string(devices.size()) + " disks of " +
+                                        request.iqn + ", and more may follow: no two looks agreed",
+                                    "wait longer (--wait S), or say how many there are (--count N)"});
+    WarnOfDeadPaths(FindPaths(sessions, {devices.begin(), devices.end()}));
     return {Lines(devices), {{"devices", devices}}};
 }
 
@@ -583,8 +649,11 @@ Answer FindDisk(const Request& request)
         FailForWantOfDisks(call, sentence);
     const Disk& disk = paths.front().disk;
     if (disk.device == device && !disk.map.empty())
+    {
+        WarnOfDeadPaths(FindPaths(machine.sessions, FindDisksBeneath(disk.map)));
         return {Lines(Row{disk.map}), {{"device", disk.map}, {"path", device}}};
-    WarnOfDeadPaths(machine.sessions, {device});
+    }
+    WarnOfDeadPaths(paths);
     return {Lines(Row{device}), {{"device", device}, {"path", nullptr}}};
 }
 
@@ -604,6 +673,7 @@ Answer FindTarget(const Request& request)
         FailForWantOfTarget(call, paths);
     if (request.paths)
         return ListPaths(request, paths);
+    WarnOfDeadPaths(paths);
     return {Lines(Row{target->portal, target->iqn}),
             {{"portal", target->portal}, {"iqn", target->iqn}}};
 }

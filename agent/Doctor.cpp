@@ -1,5 +1,6 @@
 #include "agent/Commands.h"
 #include "agent/LogWatch.h"
+#include "host/BeginsWith.h"
 #include "host/EvDebug.h"
 #include "host/ServedHost.h"
 #include "host/ZnProcess.h"
@@ -80,7 +81,7 @@ Finding CheckInitiatorName()
     std::istringstream lines(znhost::ReadTextFile(file).value_or(""));
     const std::string key = "InitiatorName=";
     for (std::string line; std::getline(lines, line);)
-        if (line.rfind(key, 0) == 0 && line.size() > key.size())
+        if (BeginsWith(line, key) && line.find_first_not_of(" \t", key.size()) != std::string::npos)
             return {line.substr(key.size())};
     return {file + " names none", "Write one: echo InitiatorName=$(/sbin/iscsi-iname) >" + file,
             Cause::ToolFailed};

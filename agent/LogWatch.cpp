@@ -12,7 +12,7 @@ namespace
 // The parsers log every step.
 bool IsParser(std::string_view tag)
 {
-    return tag == "ParseIscsiadmSessionInfoOutput" || tag == "ZnISCSIUnix::ParseDellMPIOOutput";
+    return tag == words::kSessionParser || tag == words::kVolumeParser;
 }
 
 } // namespace
@@ -27,6 +27,9 @@ LogWatch::LogWatch(int verbosity)
 
 bool LogWatch::Shows(int level, const char* tag) const
 {
+    const znhost::LogSettings& log = znhost::CurrentLogSettings();
+    if (log.file == std::string_view("-") && level <= log.level)
+        return false; // the log itself shows it
     return m_verbosity > 1 || (m_verbosity == 1 && level <= 0 && !IsParser(tag));
 }
 
@@ -39,8 +42,7 @@ void LogWatch::Hear(const znhost::LogEntry& entry)
 {
     if (Shows(entry.level, entry.tag))
     {
-        EraseStatusLine();
-        WriteToStandardError(entry.tag + (": " + znhost::Printable(entry.text)) + '\n');
+        WriteAboveStatusLine(entry.tag + (": " + znhost::Printable(entry.text)) + '\n');
     }
     if (entry.level < 0)
         m_errors.push_back(entry.text);

@@ -288,6 +288,8 @@ std::vector<std::string> Words(const std::string& line)
 
 std::vector<Session> ReadSessions(const fs::path& root)
 {
+    if (!fs::exists(root / "sys/class"))
+        throw std::runtime_error("cannot look at the sessions: sysfs is not mounted on /sys");
     std::vector<Session> sessions;
     for (const std::string& name : ListFolder(root / "sys/class/iscsi_session"))
     {

@@ -1,13 +1,13 @@
 // The answer of a command and its output formats.
 #pragma once
 
+#include <nlohmann/json.hpp>
+
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 // Why a command failed. Determines "cause" in JSON and the exit status.
 enum class Cause

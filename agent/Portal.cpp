@@ -21,16 +21,20 @@ std::uint16_t ParsePort(std::string_view text)
     return text.front() == ':' && error == std::errc() && stop == end ? port : std::uint16_t{0};
 }
 
-// The addresses of `host` in their canonical spelling. Empty if it cannot be resolved.
-std::set<std::string> FindAddresses(const std::string& host, int resolverFlags)
+// The addresses of `host` in their canonical spelling. If it cannot be resolved, empty, and sets
+// `error`.
+std::set<std::string> FindAddresses(const std::string& host, int resolverFlags, std::string& error)
 {
     std::set<std::string> addresses;
     addrinfo hints{};
     hints.ai_flags = resolverFlags;
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* found = nullptr;
-    if (getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0)
+    if (const int code = getaddrinfo(host.c_str(), nullptr, &hints, &found); code != 0)
+    {
+        error = "cannot resolve " + host + ": " + gai_strerror(code);
         return addresses;
+    }
     const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, &freeaddrinfo);
     for (; found != nullptr; found = found->ai_next)
     {
@@ -71,7 +75,7 @@ std::string FormatPortal(const Portal& portal)
 }
 
 PortalMatcher::PortalMatcher(const std::string& wanted)
-    : m_wanted(ParsePortal(wanted).value()), m_addresses(FindAddresses(m_wanted.host, 0))
+    : m_wanted(ParsePortal(wanted).value()), m_addresses(FindAddresses(m_wanted.host, 0, m_error))
 {
 }
 
@@ -79,7 +83,8 @@ bool PortalMatcher::Matches(const Portal& portal) const
 {
     if (portal.port != m_wanted.port)
         return false;
-    const std::set<std::string> addresses = FindAddresses(portal.host, AI_NUMERICHOST);
+    std::string noAddress;
+    const std::set<std::string> addresses = FindAddresses(portal.host, AI_NUMERICHOST, noAddress);
     return portal.host == m_wanted.host ||
            std::any_of(addresses.begin(), addresses.end(),
                        [this](const std::string& address) { return m_addresses.count(address) != 0; });

@@ -25,8 +25,11 @@ class PortalMatcher
 {
 public:
     // `wanted` is a portal that ParsePortal accepts. Resolves a host name, which may block. A name that
-    // cannot be resolved matches itself only.
+    // cannot be resolved matches itself only: a portal that does not match may be the wanted one.
     explicit PortalMatcher(const std::string& wanted);
+
+    // Why the name cannot be resolved; empty if it can.
+    const std::string& Error() const { return m_error; }
 
     bool Matches(const Portal& portal) const;
 
@@ -35,5 +38,6 @@ public:
 
 private:
     Portal m_wanted;
+    std::string m_error;
     std::set<std::string> m_addresses;
 };

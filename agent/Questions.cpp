@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <set>
-#include <tuple>
 
 namespace
 {

@@ -23,9 +23,11 @@ void RequireSuccess(bool succeeded, const std::string& source)
 // Prevents core files of this process and of the tool, whose command line contains the secret.
 void KeepOutOfCoreFiles()
 {
-    const rlimit none{};
-    setrlimit(RLIMIT_CORE, &none);
-    prctl(PR_SET_DUMPABLE, 0); // the limit does not apply to a core that is piped to a program
+    // A limit of 1 also stops cores that the kernel pipes to a program; it ignores 0 for these.
+    for (const rlim_t bytes : {1, 0})
+        if (const rlimit limit{bytes, bytes}; setrlimit(RLIMIT_CORE, &limit) == 0)
+            break;
+    prctl(PR_SET_DUMPABLE, 0); // execve resets it for the tool
 }
 
 } // namespace

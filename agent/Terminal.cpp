@@ -8,7 +8,6 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <ctime>
 #include <system_error>
 #include <utility>
@@ -236,6 +235,13 @@ void EraseStatusLine()
         SetClock(0);
     if (g_statusIsShown.exchange(false))
         WriteToStandardError("\r\033[K");
+}
+
+void WriteAboveStatusLine(std::string_view line)
+{
+    if (g_statusIsShown.exchange(false))
+        WriteToStandardError("\r\033[K");
+    WriteToStandardError(line); // the timer shows the status line again
 }
 
 void WriteToStandardError(std::string_view text)

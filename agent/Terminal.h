@@ -23,6 +23,9 @@ public:
 void ShowStatusLine(const std::string& text);
 void EraseStatusLine();
 
+// Writes `line`, with its end, to standard error. A status line moves below it.
+void WriteAboveStatusLine(std::string_view line);
+
 // A status line for work that may be slow: it appears after a second, and is erased at the end.
 class SlowWork
 {

@@ -1,13 +1,7 @@
-#include "host/ZnProcess.h"
-
 #include "host/Wipe.h"
+#include "host/ZnProcess.h"
 #include "standalone/znlib/ChildProcess.h"
 #include "standalone/znlib/Log.h"
-
-#include <fcntl.h>
-#include <poll.h>
-#include <pthread.h>
-#include <sys/ioctl.h>
 
 #include <algorithm>
 #include <cstring>
@@ -15,6 +9,11 @@
 #include <stdexcept>
 #include <system_error>
 #include <vector>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/ioctl.h>
 
 using znlib::Checked;
 using znlib::ChildEnd;
@@ -153,12 +152,14 @@ void CaptureUntilEnd(ChildProcess& child, std::string& output, std::string& erro
 }
 
 // The sentence for a failure that the tool itself has not explained; else empty.
-std::string DescribeEnd(const std::string& tool, const ChildEnd& end, const std::string& errorOutput)
+std::string DescribeEnd(const std::string& tool, const ChildEnd& end, const std::string& output,
+                        const std::string& errorOutput)
 {
     if (end.signal != 0)
         return tool + ": killed by signal " + std::to_string(end.signal);
     if (end.result > 0 && errorOutput.empty())
-        return tool + ": ended with exit status " + std::to_string(end.result) + " and said nothing";
+        return tool + ": ended with exit status " + std::to_string(end.result) +
+               (output.empty() ? " and said nothing" : " and wrote no error");
     if (end.result >= 0)
         return "";
     const std::string unknown = "cannot tell the exit status of " + tool + ": ";
@@ -181,7 +182,7 @@ int Run(const Words& words, std::string& output, std::string& errorOutput)
         throw std::invalid_argument("not a full path");
     ChildProcess child(words.All());
     CaptureUntilEnd(child, output, errorOutput);
-    const std::string sentence = DescribeEnd(words.Tool(), child.End(), errorOutput);
+    const std::string sentence = DescribeEnd(words.Tool(), child.End(), output, errorOutput);
     if (!sentence.empty())
         AppendLine(errorOutput, sentence);
     return child.End().result;
