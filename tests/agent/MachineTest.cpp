@@ -1,11 +1,11 @@
-// The agent's look at sysfs and /proc, on recorded machines (machines.txt), and its pure functions.
+// The agent reads recorded machines (machines.txt), and its pure functions.
 #include "agent/Arguments.h"
 #include "agent/Initiator.h"
 #include "agent/Questions.h"
 #include "agent/Reasons.h"
 #include "standalone/znlib/Text.h"
 
-#include <gmock/gmock.h>
+#include <gmock/gmock-matchers.h>
 
 #include <filesystem>
 #include <fstream>
@@ -124,7 +124,7 @@ void ExpectLosses(const Machine& machine, const std::string& line)
               line.substr(line.find("=> ") + 3));
 }
 
-TEST(Machine, IsReadAsTheKernelShowsIt)
+TEST(Machine, IsRead)
 {
     std::vector<std::string> lines = ReadLines(HERE "/machines.txt");
     lines.emplace_back("== end");
@@ -174,7 +174,7 @@ std::string WhyUnreadable(const Tree& tree)
     return "";
 }
 
-TEST(Machine, SaysWhatItCannotRead)
+TEST(Machine, TellsWhatCannotBeRead)
 {
     Tree tree;
     const std::string cannotRead = "cannot read " + tree.Root().string();
@@ -189,13 +189,13 @@ TEST(Machine, SaysWhatItCannotRead)
     EXPECT_EQ(WhyUnreadable(tree), cannotRead + "/proc/self/mountinfo: it is not there");
 }
 
-TEST(Portal, IsReadMatchedAndShown)
+TEST(Portal, IsParsedMatchedAndFormatted)
 {
     struct Row
     {
         const char* text;
-        const char* shown; // null: it is none
-        bool isTheOne;     // 192.0.2.10
+        const char* shown; // null if it is malformed
+        bool matches;      // 192.0.2.10
     };
     for (const Row& row :
          {Row{"192.0.2.10", "192.0.2.10", true}, Row{"192.0.2.10:3260,1", "192.0.2.10", true},
@@ -203,18 +203,56 @@ TEST(Portal, IsReadMatchedAndShown)
           Row{"[2001:db8::10]:3260,1", "[2001:db8::10]", false},
           Row{"2001:db8::10", "[2001:db8::10]", false}, Row{"array-a:1", "array-a:1", false},
           Row{"192.0.2.10:", nullptr, false}, Row{"192.0.2.10:65536", nullptr, false},
-          Row{"[]:3260", nullptr, false}, Row{"[::1", nullptr, false}, Row{"", nullptr, false}})
+          Row{"192.0.2.10:1x", nullptr, false}, Row{"[::1]x", nullptr, false},
+          Row{"localhost", "localhost", false}, Row{"[]:3260", nullptr, false},
+          Row{"[::1", nullptr, false}, Row{"", nullptr, false}})
     {
         const std::optional<Portal> portal = ParsePortal(row.text);
         EXPECT_EQ(portal ? FormatPortal(*portal) : "none", row.shown == nullptr ? "none" : row.shown);
-        EXPECT_EQ(portal && PortalMatcher("192.0.2.10").Matches(*portal), row.isTheOne) << row.text;
+        EXPECT_EQ(portal && PortalMatcher("192.0.2.10").Matches(*portal), row.matches) << row.text;
     }
+    EXPECT_FALSE(PortalMatcher("127.0.0.1").Matches({"localhost", 3260})) << "a name was resolved";
+    const std::string noName(64, 'a'); // too long to be asked for
+    EXPECT_TRUE(PortalMatcher(noName).Matches({noName, 3260}));
     EXPECT_TRUE(PortalMatcher("2001:db8:0::10").Matches({"2001:db8::10", 3260}));
     EXPECT_EQ(PortalMatcher("2001:db8:0::10").Canonical(),
               PortalMatcher("[2001:db8::10]:3260").Canonical());
 }
 
-TEST(Questions, HaveAnswersThatPeopleRead)
+TEST(Arguments, AreCheckedForTheTool)
+{
+    const std::string x253(253, 'x'), dash = "it begins with '-'", form = "it is none of ADDRESS";
+    const std::tuple<std::string (*)(const std::string&), std::string, std::string> rows[] = {
+        {FindPortalFault, "192.0.2.10:3260", ""},
+        {FindPortalFault, "192.0.2.10:3260,1", form}, // a portal group tag
+        {FindPortalFault, x253 + ".a:65535", ""},
+        {FindPortalFault, x253 + ".ab:3260", form},
+        {FindPortalFault, "-p", dash},
+        {FindIqnFault, "naa." + x253.substr(0, 219), ""},
+        {FindIqnFault, "iqn." + x253.substr(0, 220), "it is longer than 223 bytes"},
+        {FindIqnFault, "xiqn.x", "it begins with none of iqn."},
+        {FindIqnFault, "iqn.a\x7f", "it contains a blank or a control character"},
+        {FindDeviceFault, "/chroot/dev/sdb", ""},
+        {FindDeviceFault, "sdb", "it does not contain"},
+        {[](const std::string& name) { return FindChapFault(name); }, "-x", ""},
+        {[](const std::string& name) { return FindChapFault(name); }, "", "it is empty"}};
+    for (const auto& [findFault, value, fault] : rows)
+        EXPECT_EQ(findFault(value).substr(0, fault.size() + (fault.empty() ? 1 : 0)), fault) << value;
+}
+
+TEST(Questions, SelectSessionsByTargetAndPortal)
+{
+    const PortalMatcher portal("192.0.2.10");
+    const std::vector<Session> sessions{{1, "LOGGED_IN", ParsePortal("192.0.2.10"), "iqn.x:a"},
+                                        {2, "LOGGED_IN", ParsePortal("192.0.2.10:1"), "iqn.x:a"},
+                                        {3, "LOGGED_IN", std::nullopt, "iqn.x:a"},
+                                        {4, "LOGGED_IN", ParsePortal("192.0.2.10"), "iqn.x:ab"}};
+    ASSERT_EQ(SelectSessions(sessions, "iqn.x:a", &portal).size(), 1U);
+    EXPECT_EQ(SelectSessions(sessions, "iqn.x:a", &portal)[0].sid, 1);
+    EXPECT_EQ(SelectSessions(sessions, "iqn.x:a").size(), 3U);
+}
+
+TEST(Questions, FormatSizesAndTables)
 {
     const std::pair<unsigned long long, const char*> sizes[] = {
         {0, "0B"},           {512, "512B"},        {1023, "1023B"},       {1024, "1K"},
@@ -231,7 +269,7 @@ TEST(Questions, HaveAnswersThatPeopleRead)
         EXPECT_EQ(FindNearest(word, words), nearest) << word;
 }
 
-TEST(NodeRecords, AreReadLineByLine)
+TEST(NodeRecords, AreParsedLineByLine)
 {
     const std::vector<NodeRecord> records =
         ParseNodeRecords("192.0.2.10:3260,1 iqn.x:a\nnot-a-record\n[2001:db8::10]:3261,-1 iqn.x:b "
@@ -241,7 +279,7 @@ TEST(NodeRecords, AreReadLineByLine)
     EXPECT_EQ(FormatPortal(records[1].portal) + ' ' + records[1].iqn, "[2001:db8::10]:3261 iqn.x:b");
 }
 
-TEST(Reasons, AreEachSaidOnceWithTheNextStep)
+TEST(Reasons, AreListedOnceWithTheNextStep)
 {
     EXPECT_THAT(
         ParseReasons({"Failed to run /sbin/iscsiadm -m session -P3: iscsiadm: x\niscsiadm: y\n"
@@ -284,7 +322,7 @@ TEST(Reasons, AreEachSaidOnceWithTheNextStep)
     const Failure unexplained = Explain({"cannot", "iscsiadm: broken"}, request, Cause::NoDevice);
     EXPECT_STREQ(NameOf(*unexplained.answer->cause), "no-device");
     EXPECT_THAT(unexplained.answer->reasons, ElementsAre("cannot", "iscsiadm: broken"));
-    // A refused discovery ends with a time-out.
+    // A refused discovery also reports a time-out.
     EXPECT_EQ(Explain({"Connection refused", "iSCSI PDU timed out"}, request, Cause::ToolFailed)
                   .answer->cause,
               Cause::Unreachable);

@@ -1,0 +1,328 @@
+// The agent's commands with a scripted tool, on a host that this test program defines, and what they
+// show on a terminal. The kernel is this machine's: it has no session with the targets of the tests.
+#include "agent/Commands.h"
+#include "agent/Secret.h"
+#include "agent/Terminal.h"
+#include "host/OSType.h"
+#include "host/ZnProcess.h"
+
+#include <gmock/gmock-matchers.h>
+
+#include <array>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <new>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace
+{
+
+struct ToolResult
+{
+    int result;
+    std::string output{};
+    std::string errorOutput{};
+};
+
+std::deque<ToolResult> g_runs; // of the tools; the last one repeats
+uid_t g_user = 0;
+
+} // namespace
+
+int ZnProcess::system(const char* /*command*/, std::string* output, std::string* errorOutput, int, bool)
+{
+    const ToolResult run = g_runs.at(0);
+    if (g_runs.size() > 1)
+        g_runs.pop_front();
+    *output = run.output;
+    *errorOutput = run.errorOutput;
+    return run.result;
+}
+
+void detectOSType()
+{
+    g_iOsType = 1;
+    g_iOsVersion = 9;
+}
+
+// Under other names, since the system's headers declare these functions with attributes.
+extern "C" int ScriptedAccess(const char* path, int mode) noexcept __asm__("access");
+extern "C" int ScriptedMkdir(const char* path, mode_t mode) noexcept __asm__("mkdir");
+extern "C" uid_t ScriptedUser() noexcept __asm__("geteuid");
+
+extern "C" int ScriptedAccess(const char* path, int mode) noexcept
+{
+    const std::string_view name(path);
+    if (name == "/sbin/iscsiadm" || name == "/usr/sbin/ehcmcli")
+        return 0;
+    return static_cast<int>(syscall(SYS_faccessat, AT_FDCWD, path, mode));
+}
+
+// The locks are left out: their folder is this machine's.
+extern "C" int ScriptedMkdir(const char* path, mode_t mode) noexcept
+{
+    return static_cast<int>(
+        syscall(SYS_mkdirat, AT_FDCWD, std::strcmp(path, "/run/lock/zniscsi") == 0 ? "" : path, mode));
+}
+
+extern "C" uid_t ScriptedUser() noexcept
+{
+    return g_user;
+}
+
+namespace
+{
+
+const std::string kIqn = "iqn.2025-01.invalid:none";
+
+// The lines of the answer, or of the reasons of the failure.
+std::string AnswerOf(Answer (*command)(const Request&), const Request& request)
+try
+{
+    return command(request).text;
+}
+catch (const Failure& failure)
+{
+    std::string reasons = NameOf(*failure.answer->cause) + std::string("\n");
+    for (const std::string& reason : failure.answer->reasons)
+        reasons += reason + '\n';
+    return reasons;
+}
+
+TEST(Commands, CheckWhatTheToolReports)
+{
+    setenv("ZN_LOG_FILE", "/dev/null", 1);
+    setenv("ZN_REGISTRY", "/dev/null", 1);
+    const std::string records = "192.0.2.10:3260,1 iqn.x:a\n192.0.2.10:3260,2 iqn.x:a\n"
+                                "192.0.2.10:3261,1 iqn.x:b\n192.0.2.11:3260,1 iqn.x:c\n"
+                                "192.0.2.10:3260,1 iqn.x:\x1b\n";
+    struct Row
+    {
+        const char* name;
+        Answer (*command)(const Request&);
+        std::string iqn;
+        std::deque<ToolResult> runs;
+        std::string answer;
+    };
+    for (const Row& row :
+         {Row{"another port, another portal, a target listed twice, a hostile name",
+              Discover,
+              "",
+              {{0}, {0, records}},
+              "iqn.x:a\niqn.x:\\x1b\n"},
+          Row{"a hostile name in a table",
+              ListRecords,
+              "",
+              {{0, "192.0.2.10:3260,1 iqn.x:\x1b\n"}},
+              "PORTAL      IQN\n192.0.2.10  iqn.x:\\x1b\n"},
+          Row{"no records", ListRecords, "", {{21, "", "iscsiadm: No records found\n"}}, ""},
+          Row{"no list of records",
+              ListRecords,
+              "",
+              {{6, "", "iscsiadm: broken\n"}},
+              "tool-failed\ncannot list the node records\nFailed to run /sbin/iscsiadm -m node\n"
+              "iscsiadm: broken\n"},
+          Row{"a record at another portal", Forget, "iqn.x:c", {{0, records}}, "already forgotten\n"},
+          Row{"a record that has just gone",
+              Forget,
+              "iqn.x:a",
+              {{0, records}, {6, "", "iscsiadm: broken\n"}, {0, ""}},
+              "already forgotten\n"},
+          Row{"a disk that the kernel does not have",
+              FindDisks,
+              kIqn,
+              {{0,
+                "Target: " + kIqn + "\nPersistent Portal: 192.0.2.10:\nAttached scsi disk sda State:"}},
+              "no-session\ncannot find a disk of " + kIqn + "\nthere is no session with " + kIqn +
+                  "\nlog on first: zniscsi logon 192.0.2.10 " + kIqn + '\n'},
+          Row{"errors before the last look",
+              FindDisks,
+              kIqn,
+              {{1, "", "first"}, {1, "", "first"}, {1, "", "last"}},
+              "no-session\ncannot find a disk of " + kIqn + "\nthere is no session with " + kIqn +
+                  "\nFailed to run /sbin/iscsiadm -m session -P3\nlast\n"
+                  "Failed to run /sbin/iscsiadm -m session -i\nlog on first: zniscsi logon "
+                  "192.0.2.10 " +
+                  kIqn + '\n'}})
+    {
+        g_runs = row.runs;
+        Request request;
+        request.portal = "192.0.2.10";
+        request.iqn = row.iqn;
+        request.waitSeconds = row.runs.size() > 2 ? 1 : 0;
+        EXPECT_EQ(AnswerOf(row.command, request), row.answer) << row.name;
+    }
+}
+
+TEST(Commands, DoctorExaminesTheUser)
+{
+    setenv("ZN_LOG_FILE", "/dev/null", 1);
+    g_runs = {{127}};
+    g_user = 1;
+    const Answer answer = Examine({});
+    g_user = 0;
+    EXPECT_THAT(answer.reasons, testing::Contains("user: not root"));
+    EXPECT_THAT(Examine({}).reasons, testing::Not(testing::Contains("user: not root")));
+}
+
+// Standard error is a terminal during its lifetime. The status line's clock stands still.
+class Screen
+{
+public:
+    explicit Screen(unsigned short columns) : m_terminal(posix_openpt(O_RDWR | O_NOCTTY))
+    {
+        sigemptyset(&m_clock);
+        sigaddset(&m_clock, SIGALRM);
+        sigprocmask(SIG_BLOCK, &m_clock, nullptr);
+        const winsize size{24, columns, 0, 0};
+        if (m_terminal < 0 || grantpt(m_terminal) != 0 || unlockpt(m_terminal) != 0 ||
+            ioctl(m_terminal, TIOCSWINSZ, &size) != 0)
+            return;
+        const int side = open(ptsname(m_terminal), O_RDWR | O_NOCTTY);
+        dup2(side, STDERR_FILENO);
+        close(side);
+    }
+    Screen(const Screen&) = delete;
+    Screen& operator=(const Screen&) = delete;
+    ~Screen()
+    {
+        EraseStatusLine();
+        sigprocmask(SIG_UNBLOCK, &m_clock, nullptr);
+        dup2(m_usual, STDERR_FILENO);
+        close(m_usual);
+        close(m_terminal);
+    }
+
+    // What has been written since the last call. The kernel delivers it late: a mark follows it.
+    std::string Read() const
+    {
+        constexpr char kMark = '$';
+        WriteToStandardError({&kMark, 1});
+        std::string text;
+        for (char byte = 0; read(m_terminal, &byte, 1) == 1 && byte != kMark;)
+            text += byte;
+        return text;
+    }
+
+private:
+    sigset_t m_clock{};
+    int m_usual = dup(STDERR_FILENO);
+    int m_terminal;
+};
+
+TEST(StatusLine, FitsOnTheScreen)
+{
+    const std::string x511(511, 'x');
+    struct Row
+    {
+        unsigned short columns;
+        std::string text;
+        std::string shown;
+    };
+    for (const Row& row :
+         {Row{30, "short\x1b", "short\\x1b"}, Row{30, x511, std::string(19, 'x')},
+          Row{30, std::string(18, 'x') + "\xc3\xa9", std::string(18, 'x')}, Row{5, x511, ""},
+          Row{0, x511, std::string(69, 'x')}, Row{1000, x511 + x511, std::string(500, 'x')}})
+    {
+        const Screen screen(row.columns);
+        ShowStatusLine(row.text);
+        EXPECT_EQ(screen.Read(), row.shown);
+        EraseStatusLine();
+        EraseStatusLine();
+        EXPECT_EQ(screen.Read(), "\r\x1b[K") << "erased twice, or not";
+    }
+}
+
+TEST(StatusLine, CountsTheAttemptsOfEachLook)
+{
+    setenv("ZN_LOG_FILE", "/dev/null", 1);
+    const std::string registry = testing::TempDir() + "registry-" + std::to_string(::getpid());
+    setenv("ZN_REGISTRY", registry.c_str(), 1);
+    Request request;
+    request.iqn = kIqn;
+    request.retryPauseSeconds = 0;
+    for (const auto& [limit, waitSeconds, expected] :
+         {std::tuple("2", 1U, "[1 of 2][2 of 2][waiting][1 of 2][2 of 2]"),
+          std::tuple("-1", 0U, "[1 of 1]"),
+          std::tuple("0", 0U, "[1 of 5][2 of 5][3 of 5][4 of 5][5 of 5]")})
+    {
+        std::ofstream(registry) << "[~iStoreNode]\nnRetryCounter = " << limit << '\n';
+        request.waitSeconds = waitSeconds;
+        g_runs = {{0, "no volume\n"}};
+        const Screen screen(80);
+        EXPECT_THAT(AnswerOf(FindDisk, request), testing::StartsWith("no-session\n"));
+        PrintError("cannot");
+        std::string shown = screen.Read(), found;
+        for (std::size_t at = 0; (at = shown.find("\r\x1b[K")) != std::string::npos;)
+        {
+            const std::string line = shown.substr(0, at);
+            found += '[' + (line[0] == 'w' ? "waiting" : line.substr(8, line.find(':') - 8)) + ']';
+            shown.erase(0, at + 4);
+        }
+        EXPECT_EQ(found + shown, expected + std::string("zniscsi: cannot\r\n"));
+    }
+    std::filesystem::remove(registry);
+}
+
+TEST(Signals, KeepTheirHandlers)
+{
+    const auto handler = [](int signal) {
+        struct sigaction action = {};
+        sigaction(signal, nullptr, &action);
+        return action.sa_handler;
+    };
+    const auto exit = [&handler] {
+        std::signal(SIGHUP, SIG_IGN);
+        RestoreTerminalOnSignals();
+        const bool isRight = handler(SIGHUP) == SIG_IGN && handler(SIGTERM) != SIG_DFL &&
+                             handler(SIGPIPE) == SIG_DFL && handler(SIGCHLD) == SIG_DFL;
+        _exit(isRight ? 0 : 1);
+    };
+    EXPECT_EXIT(exit(), testing::ExitedWithCode(0), "");
+}
+
+// A pipe from which `text` can be read.
+int PipeWith(const std::string& text)
+{
+    int ends[2];
+    if (pipe(ends) != 0 || write(ends[1], text.data(), text.size()) < 0)
+        return -1;
+    close(ends[1]);
+    return ends[0];
+}
+
+TEST(Secret, IsReadWipedAndKeptOutOfCoreFiles)
+{
+    const auto exit = [] {
+        const std::string text(kMaxChapBytes, 's');
+        alignas(Secret) std::array<char, sizeof(Secret)> storage{};
+        const Secret* const secret = new (storage.data()) Secret(PipeWith(text + "\nrest"), "pipe");
+        const bool isRead = secret->c_str() == text;
+        secret->~Secret();
+        const volatile char* const left = storage.data();
+        bool isWiped = true;
+        for (std::size_t i = 0; i < storage.size(); ++i)
+            isWiped = isWiped && left[i] == '\0';
+        rlimit core{};
+        getrlimit(RLIMIT_CORE, &core);
+        const bool isKeptOut = core.rlim_cur == 0 && prctl(PR_GET_DUMPABLE) == 0;
+        _exit((isRead ? 0 : 1) + (isWiped ? 0 : 2) + (isKeptOut ? 0 : 4));
+    };
+    EXPECT_EXIT(exit(), testing::ExitedWithCode(0), "");
+}
+
+} // namespace
