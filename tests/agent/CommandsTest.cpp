@@ -103,69 +103,50 @@ catch (const Failure& failure)
     return reasons;
 }
 
+void ExpectAnswer(const char* name, Answer (*command)(const Request&), const std::string& iqn,
+                  std::deque<ToolResult> runs, const std::string& answer)
+{
+    Request request;
+    request.portal = "192.0.2.10";
+    request.iqn = iqn;
+    request.waitSeconds = runs.size() > 2 ? 1 : 0;
+    g_runs = std::move(runs);
+    EXPECT_EQ(AnswerOf(command, request), answer) << name;
+}
+
 TEST(Commands, CheckWhatTheToolReports)
 {
     setenv("ZN_LOG_FILE", "/dev/null", 1);
     setenv("ZN_REGISTRY", "/dev/null", 1);
+    const ToolResult broken{6, "", "iscsiadm: broken\n"};
     const std::string records = "192.0.2.10:3260,1 iqn.x:a\n192.0.2.10:3260,2 iqn.x:a\n"
                                 "192.0.2.10:3261,1 iqn.x:b\n192.0.2.11:3260,1 iqn.x:c\n"
                                 "192.0.2.10:3260,1 iqn.x:\x1b\n";
-    struct Row
-    {
-        const char* name;
-        Answer (*command)(const Request&);
-        std::string iqn;
-        std::deque<ToolResult> runs;
-        std::string answer;
-    };
-    for (const Row& row :
-         {Row{"another port, another portal, a target listed twice, a hostile name",
-              Discover,
-              "",
-              {{0}, {0, records}},
-              "iqn.x:a\niqn.x:\\x1b\n"},
-          Row{"a hostile name in a table",
-              ListRecords,
-              "",
-              {{0, "192.0.2.10:3260,1 iqn.x:\x1b\n"}},
-              "PORTAL      IQN\n192.0.2.10  iqn.x:\\x1b\n"},
-          Row{"no records", ListRecords, "", {{21, "", "iscsiadm: No records found\n"}}, ""},
-          Row{"no list of records",
-              ListRecords,
-              "",
-              {{6, "", "iscsiadm: broken\n"}},
-              "tool-failed\ncannot list the node records\nFailed to run /sbin/iscsiadm -m node\n"
-              "iscsiadm: broken\n"},
-          Row{"a record at another portal", Forget, "iqn.x:c", {{0, records}}, "already forgotten\n"},
-          Row{"a record that has just gone",
-              Forget,
-              "iqn.x:a",
-              {{0, records}, {6, "", "iscsiadm: broken\n"}, {0, ""}},
-              "already forgotten\n"},
-          Row{"a disk that the kernel does not have",
-              FindDisks,
-              kIqn,
-              {{0,
-                "Target: " + kIqn + "\nPersistent Portal: 192.0.2.10:\nAttached scsi disk sda State:"}},
-              "no-session\ncannot find a disk of " + kIqn + "\nthere is no session with " + kIqn +
-                  "\nlog on first: zniscsi logon 192.0.2.10 " + kIqn + '\n'},
-          Row{"errors before the last look",
-              FindDisks,
-              kIqn,
-              {{1, "", "first"}, {1, "", "first"}, {1, "", "last"}},
-              "no-session\ncannot find a disk of " + kIqn + "\nthere is no session with " + kIqn +
-                  "\nFailed to run /sbin/iscsiadm -m session -P3\nlast\n"
-                  "Failed to run /sbin/iscsiadm -m session -i\nlog on first: zniscsi logon "
-                  "192.0.2.10 " +
-                  kIqn + '\n'}})
-    {
-        g_runs = row.runs;
-        Request request;
-        request.portal = "192.0.2.10";
-        request.iqn = row.iqn;
-        request.waitSeconds = row.runs.size() > 2 ? 1 : 0;
-        EXPECT_EQ(AnswerOf(row.command, request), row.answer) << row.name;
-    }
+    ExpectAnswer("another port, another portal, a target listed twice, a hostile name", Discover, "",
+                 {{0}, {0, records}}, "iqn.x:a\niqn.x:\\x1b\n");
+    ExpectAnswer("a hostile name in a table", ListRecords, "", {{0, "192.0.2.10:3260,1 iqn.x:\x1b\n"}},
+                 "PORTAL      IQN\n192.0.2.10  iqn.x:\\x1b\n");
+    ExpectAnswer("no records", ListRecords, "", {{21, "", "iscsiadm: No records found\n"}}, "");
+    ExpectAnswer("no list of records", ListRecords, "", {broken},
+                 "tool-failed\ncannot list the node records\nFailed to run /sbin/iscsiadm -m node\n"
+                 "iscsiadm: broken\n");
+    ExpectAnswer("a record at another portal", Forget, "iqn.x:c", {{0, records}},
+                 "already forgotten\n");
+    ExpectAnswer("a record that has just gone", Forget, "iqn.x:a", {{0, records}, broken, {0}},
+                 "already forgotten\n");
+
+    const std::string none =
+        "no-session\ncannot find a disk of " + kIqn + "\nthere is no session with " + kIqn + '\n';
+    const std::string nextStep = "log on first: zniscsi logon 192.0.2.10 " + kIqn + '\n';
+    ExpectAnswer("a disk that the kernel does not have", FindDisks, kIqn,
+                 {{0, "Target: " + kIqn + "\nPersistent Portal: 1:\nAttached scsi disk sda State:"}},
+                 none + nextStep);
+    ExpectAnswer("errors before the last look", FindDisks, kIqn,
+                 {{1, "", "first"}, {1, "", "first"}, {1, "", "last"}},
+                 none +
+                     "Failed to run /sbin/iscsiadm -m session -P3\nlast\n"
+                     "Failed to run /sbin/iscsiadm -m session -i\n" +
+                     nextStep);
 }
 
 TEST(Commands, DoctorExaminesTheUser)

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -20,30 +21,29 @@ TEST(OsDetector, ReadsReleaseFiles)
 {
     const fs::path root = testing::TempDir() + "os-" + std::to_string(::getpid());
     std::ifstream lines(DATA "os-releases.txt");
-    std::ofstream file;
     int systems = 0;
     for (std::string line; std::getline(lines, line);)
     {
-        if (line.rfind("--- ", 0) == 0)
+        if (line.front() == '#')
+            continue;
+        const std::size_t arrow = line.find("=> ");
+        std::string files = line.substr(0, arrow);
+        while (!files.empty())
         {
-            const fs::path path = root / line.substr(4);
+            const std::size_t colon = files.find(": ");
+            const std::size_t end = std::min(files.find(" + "), files.size() - 1);
+            std::string text = files.substr(colon + 2, end - colon - 2);
+            std::replace(text.begin(), text.end(), '|', '\n');
+            const fs::path path = root / files.substr(0, colon);
             fs::create_directories(path.parent_path());
-            file = std::ofstream(path);
+            std::ofstream(path) << text << '\n';
+            files.erase(0, end + 3);
         }
-        else if (line.rfind("=> ", 0) == 0)
-        {
-            file.close();
-            const auto system = znhost::ReadOperatingSystem(root);
-            const std::string found =
-                std::to_string(system.family) + ' ' + std::to_string(system.release);
-            EXPECT_EQ("=> " + found, line.substr(0, line.find(','))) << line;
-            fs::remove_all(root);
-            ++systems;
-        }
-        else
-        {
-            file << line << '\n';
-        }
+        const auto system = znhost::ReadOperatingSystem(root);
+        const std::string found = std::to_string(system.family) + ' ' + std::to_string(system.release);
+        EXPECT_EQ("=> " + found, line.substr(arrow, line.find(',', arrow) - arrow)) << line;
+        fs::remove_all(root);
+        ++systems;
     }
     EXPECT_EQ(systems, 18);
 }
