@@ -1,8 +1,10 @@
 // The agent's commands with a scripted tool, on a host that this test program defines, and what they
 // show on a terminal. The kernel is this machine's: it has no session with the targets of the tests.
 #include "agent/Commands.h"
+#include "agent/LogWatch.h"
 #include "agent/Secret.h"
 #include "agent/Terminal.h"
+#include "host/EvDebug.h"
 #include "host/OSType.h"
 #include "host/ZnProcess.h"
 
@@ -15,10 +17,11 @@
 #include <deque>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <new>
 #include <string>
-#include <vector>
+#include <string_view>
+#include <tuple>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -226,6 +229,16 @@ TEST(StatusLine, FitsOnTheScreen)
         EraseStatusLine();
         EXPECT_EQ(screen.Read(), "\r\x1b[K") << "erased twice, or not";
     }
+}
+
+TEST(StatusLine, IsErasedBeforeALogLine)
+{
+    setenv("ZN_LOG_FILE", "/dev/null", 1);
+    const Screen screen(80);
+    const LogWatch watch(1);
+    ShowStatusLine("status");
+    EvEvent().DebugLvl("Tag", 0, "text\x1b");
+    EXPECT_EQ(screen.Read(), "status\r\x1b[KTag: text\\x1b\r\n");
 }
 
 TEST(StatusLine, CountsTheAttemptsOfEachLook)

@@ -203,7 +203,7 @@ TEST(Portal, IsParsedMatchedAndFormatted)
           Row{"[2001:db8::10]:3260,1", "[2001:db8::10]", false},
           Row{"2001:db8::10", "[2001:db8::10]", false}, Row{"array-a:1", "array-a:1", false},
           Row{"192.0.2.10:", nullptr, false}, Row{"192.0.2.10:65536", nullptr, false},
-          Row{"192.0.2.10:1x", nullptr, false}, Row{"[::1]x", nullptr, false},
+          Row{"192.0.2.10:1x", nullptr, false}, Row{"[::1]x3260", nullptr, false},
           Row{"localhost", "localhost", false}, Row{"[]:3260", nullptr, false},
           Row{"[::1", nullptr, false}, Row{"", nullptr, false}})
     {
@@ -252,6 +252,19 @@ TEST(Questions, SelectSessionsByTargetAndPortal)
     EXPECT_EQ(SelectSessions(sessions, "iqn.x:a").size(), 3U);
 }
 
+TEST(Questions, ListWorkingPathsFirst)
+{
+    const std::vector<Session> sessions{
+        {1, "LOGGED_IN", std::nullopt, "", {{"/dev/sda", 1, std::nullopt, "offline"}}},
+        {2, "FAILED", std::nullopt, "", {{"/dev/sdb", 1, std::nullopt, "running"}}},
+        {3, "LOGGED_IN", std::nullopt, "", {{"/dev/sdc", 1, std::nullopt, "running"}}}};
+    std::vector<std::string> states;
+    for (const auto& [disk, session] : FindPaths(sessions, {"/dev/sdc", "/dev/sdb", "/dev/sda"}))
+        states.push_back(disk.device + ' ' + DescribeState(session, &disk));
+    EXPECT_THAT(states,
+                ElementsAre("/dev/sdc LOGGED_IN", "/dev/sda LOGGED_IN/offline", "/dev/sdb FAILED"));
+}
+
 TEST(Questions, FormatSizesAndTables)
 {
     const std::pair<unsigned long long, const char*> sizes[] = {
@@ -286,9 +299,11 @@ TEST(Reasons, AreListedOnceWithTheNextStep)
                       " ... Trying /sbin/iscsiadm -m session -i",
                       "Error returned by command is: iscsiadm: z.", "/usr/sbin/ehcmcli not found!!",
                       "Failed to run /sbin/iscsiadm -m session -i: iscsiadm: x\n",
-                      "Unable to parse the input or end of input string. Volume string not found!"}),
+                      "Unable to parse the input or end of input string. Volume string not found!",
+                      "cannot look up /dev/x: Permission denied"}),
         ElementsAre("Failed to run /sbin/iscsiadm -m session -P3", "iscsiadm: x", "iscsiadm: y",
-                    "Failed to run /sbin/iscsiadm -m session -i"));
+                    "Failed to run /sbin/iscsiadm -m session -i",
+                    "cannot look up /dev/x: Permission denied"));
     EXPECT_THAT(
         ParseReasons({"Failed to run a: iscsiadm: No active sessions.\n", "Failed to run b: refused"}),
         ElementsAre("Failed to run a", "iscsiadm: No active sessions."));

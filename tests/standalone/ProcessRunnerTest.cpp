@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/prctl.h>
@@ -25,6 +26,29 @@
 #include <sstream>
 #include <thread>
 #include <vector>
+
+namespace
+{
+
+std::atomic<bool> g_isInherited{false};
+std::atomic<bool> g_seesEndOnly{false};
+
+} // namespace
+
+// The runner waits for its pipes and the end of its child. No other child of this process may inherit
+// these descriptors.
+extern "C" int poll(pollfd* files, nfds_t count, int timeoutMs)
+{
+    for (nfds_t i = 0; i < count; ++i)
+    {
+        if (files[i].fd >= 0 && fcntl(files[i].fd, F_GETFD) != FD_CLOEXEC)
+            g_isInherited = true;
+        if (g_seesEndOnly && i + 1 < count)
+            files[i].fd = -1;
+    }
+    const timespec timeout{timeoutMs / 1000, timeoutMs % 1000 * 1'000'000L};
+    return ppoll(files, count, timeoutMs < 0 ? nullptr : &timeout, nullptr);
+}
 
 namespace
 {
@@ -114,7 +138,9 @@ INSTANTIATE_TEST_SUITE_P(
         LineCase{"Silent", RUNNER_CHILD " flood 0 7", 7, "",
                  RUNNER_CHILD ": ended with exit status 7 and said nothing"},
         LineCase{"Signal", RUNNER_CHILD " signal 9", 137, "", RUNNER_CHILD ": killed by signal 9"},
-        LineCase{"SignalBehindWords", RUNNER_CHILD " signal 15 bye", 143, "",
+        LineCase{"SignalAfterWords", RUNNER_CHILD " signal 15 bye", 143, "",
+                 "bye\n" RUNNER_CHILD ": killed by signal 15"},
+        LineCase{"SignalAfterALine", RUNNER_CHILD " signal 15 bye\n", 143, "",
                  "bye\n" RUNNER_CHILD ": killed by signal 15"},
         LineCase{"MissingTool", "/no/such/tool secret", -1, "",
                  "cannot run /no/such/tool: No such file or directory"},
@@ -260,7 +286,7 @@ class AnyHost : public testing::TestWithParam<std::tuple<Host, Kernel>>
         thread.join();
     sigset_t blocked;
     pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
-    const bool isClean = sigismember(&blocked, SIGALRM) == 0 && !HasChildren();
+    const bool isClean = sigismember(&blocked, SIGALRM) == 0 && !HasChildren() && !g_isInherited;
     _exit(isRight && isClean && CountDescriptors() == descriptors ? 0 : 1);
 }
 
@@ -319,6 +345,16 @@ TEST(ProcessRunner, ReadsMuchOutputOnBothStreams)
     EXPECT_EQ(outcome.result, 0);
     EXPECT_TRUE(outcome.output == Flood(1024, 'a')) << outcome.output.size();
     EXPECT_TRUE(outcome.errorOutput == Flood(1024, 'A')) << outcome.errorOutput.size();
+}
+
+// The tool writes and ends after the runner has looked at the pipes, before it looks for the end.
+TEST(ProcessRunner, ReadsTheRestAfterTheEnd)
+{
+    g_seesEndOnly = true;
+    const Outcome outcome = RunTool(RUNNER_CHILD " flood 1 0");
+    g_seesEndOnly = false;
+    EXPECT_EQ(outcome.output, Flood(1, 'a'));
+    EXPECT_EQ(outcome.errorOutput, Flood(1, 'A'));
 }
 
 TEST(ProcessRunner, EndsWhileADaemonStillWrites)

@@ -54,7 +54,7 @@ TEST(SharedPointer, IsSharedAmongThreads)
         threads.reserve(4);
         for (int i = 0; i < 4; ++i)
             threads.emplace_back([&shared] {
-                for (int round = 0; round < 10000; ++round)
+                for (int round = 0; round < 100000; ++round)
                     SP<Counted>().assign(shared);
             });
         for (std::thread& thread : threads)

@@ -61,9 +61,10 @@ int Flood(const Arguments& arguments)
 // Prints what this process inherited: input, descriptors, signals, locale.
 int State(const Arguments& /*none*/)
 {
-    std::string line;
+    char byte = 0;
     std::cout << "input " << std::filesystem::read_symlink("/proc/self/fd/0").string()
-              << (std::getline(std::cin, line) ? " with text" : " at its end") << "\ndescriptors";
+              << (read(STDIN_FILENO, &byte, 1) == 0 ? " at its end" : " not at its end")
+              << "\ndescriptors";
     DIR* const folder = opendir("/proc/self/fd");
     std::set<std::string> descriptors;
     while (const dirent* entry = readdir(folder))
@@ -73,7 +74,8 @@ int State(const Arguments& /*none*/)
     for (const std::string& descriptor : descriptors)
         std::cout << ' ' << descriptor;
     std::cout << '\n';
-    for (std::ifstream status("/proc/self/status"); std::getline(status, line);)
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
     {
         if (line.rfind("SigBlk", 0) == 0 || line.rfind("SigIgn", 0) == 0)
             std::cout << line << '\n';
