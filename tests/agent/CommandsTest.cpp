@@ -1,12 +1,15 @@
-// The agent's commands with a scripted tool, on a host that this test program defines, and what they
-// show on a terminal. The kernel is this machine's: it has no session with the targets of the tests.
+// The agent's commands with a scripted tool, on a host that this test program defines: what they
+// answer, on this machine (which has no session with the targets) and on a recorded one, and what they
+// show on a terminal.
 #include "agent/Commands.h"
 #include "agent/LogWatch.h"
+#include "agent/RecordLock.h"
 #include "agent/Secret.h"
 #include "agent/Terminal.h"
 #include "host/EvDebug.h"
 #include "host/OSType.h"
 #include "host/ZnProcess.h"
+#include "tests/agent/RecordedMachine.h"
 
 #include <gmock/gmock-matchers.h>
 
@@ -17,6 +20,7 @@
 #include <deque>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <new>
 #include <string>
 #include <string_view>
@@ -24,6 +28,7 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -43,6 +48,7 @@ struct ToolResult
 
 std::deque<ToolResult> g_runs; // of the tools; the last one repeats
 uid_t g_user = 0;
+bool g_isInside = false; // a recorded machine
 
 } // namespace
 
@@ -75,11 +81,11 @@ extern "C" int ScriptedAccess(const char* path, int mode) noexcept
     return static_cast<int>(syscall(SYS_faccessat, AT_FDCWD, path, mode));
 }
 
-// The locks are left out: their folder is this machine's.
+// No locks of this machine: their folder cannot be made.
 extern "C" int ScriptedMkdir(const char* path, mode_t mode) noexcept
 {
-    return static_cast<int>(
-        syscall(SYS_mkdirat, AT_FDCWD, std::strcmp(path, "/run/lock/zniscsi") == 0 ? "" : path, mode));
+    const bool isRefused = std::strcmp(path, "/run/lock/zniscsi") == 0 && !g_isInside;
+    return static_cast<int>(syscall(SYS_mkdirat, AT_FDCWD, isRefused ? "" : path, mode));
 }
 
 extern "C" uid_t ScriptedUser() noexcept
@@ -150,6 +156,60 @@ TEST(Commands, CheckWhatTheToolReports)
                      "Failed to run /sbin/iscsiadm -m session -P3\nlast\n"
                      "Failed to run /sbin/iscsiadm -m session -i\n" +
                      nextStep);
+}
+
+// Runs `test`, which returns whether it passed, in a process of its own with `machine` as its root.
+void ExpectInside(const RecordedMachine& machine, const std::function<bool()>& test)
+{
+    const auto exit = [&] {
+        g_isInside = machine.Enter();
+        _exit(!g_isInside || test() ? 0 : 1);
+    };
+    EXPECT_EXIT(exit(), testing::ExitedWithCode(0), "");
+}
+
+TEST(Commands, CheckWhatTheKernelShows)
+{
+    setenv("ZN_LOG_FILE", "/dev/null", 1);
+    const std::string example = "iqn.2025-01.org.example:";
+    RecordedMachine machine;
+    machine.Change("sys/class/iscsi_session/session9/targetname: " + example + "mul");
+    ExpectInside(machine, [&] {
+        g_runs = {
+            {0, "192.0.2.10:3260,1 " + example + "plain\n192.0.2.11:3260,1 " + example + "plain\n"}};
+        const nlohmann::ordered_json records = ListRecords({}).fields["records"];
+        return records[0]["in_use"] == true && records[1]["in_use"] == false;
+    });
+    // The library takes a second IQN that the first one begins with for the same.
+    ExpectInside(machine, [&] {
+        g_runs = {{0, "Target: " + example +
+                          "multi\nPersistent Portal: 1:\nAttached scsi disk sdd State:\n"
+                          "Target: " +
+                          example + "mul\nPersistent Portal: 1:\nAttached scsi disk sde State:\n"}};
+        Request request;
+        request.device = "/dev/mapper/mpatha";
+        return AnswerOf(FindTarget, request).find("its paths lead to 2 targets:") != std::string::npos;
+    });
+}
+
+TEST(RecordLock, ExcludesTheSameRecordOnly)
+{
+    RecordedMachine machine;
+    machine.Change("run/lock/");
+    const PortalMatcher portal("192.0.2.10");
+    ExpectInside(machine, [&] {
+        alarm(60); // ends a process that blocks
+        const RecordLock lock(portal, "iqn.x:a"), other(portal, "iqn.x:b"),
+            odd(portal, "/" + std::string(300, 'x'));
+        const int record = open("/run/lock/zniscsi/192.0.2.10,iqn.x:a", O_RDWR);
+        const int all = open("/run/lock/zniscsi/192.0.2.10", O_RDWR);
+        return lock.Trouble() + other.Trouble() + odd.Trouble() == "" &&
+               flock(record, LOCK_SH | LOCK_NB) != 0 && flock(all, LOCK_EX | LOCK_NB) != 0;
+    });
+    ExpectInside(machine, [&] {
+        g_user = 1;
+        return RecordLock(portal, "iqn.x:a").Trouble() == "/run/lock/zniscsi belongs to another user";
+    });
 }
 
 TEST(Commands, DoctorExaminesTheUser)

@@ -4,6 +4,7 @@
 #include "agent/Questions.h"
 #include "agent/Reasons.h"
 #include "standalone/znlib/Text.h"
+#include "tests/agent/RecordedMachine.h"
 
 #include <gmock/gmock-matchers.h>
 
@@ -19,18 +20,8 @@
 
 namespace
 {
-namespace fs = std::filesystem;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
-
-std::vector<std::string> ReadLines(const fs::path& file)
-{
-    std::ifstream stream(file);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(stream, line);)
-        lines.push_back(line);
-    return lines;
-}
 
 std::string OrDash(const std::string& text)
 {
@@ -44,53 +35,6 @@ std::string Join(const std::vector<std::string>& parts, const char* separator)
         text += (text.empty() ? "" : separator) + part;
     return OrDash(text);
 }
-
-// A machine unpacked into a folder.
-class Tree
-{
-public:
-    Tree()
-    {
-        for (const std::string& line : ReadLines(HERE "/recorded/two-portals.tree"))
-            Change(line);
-    }
-    Tree(const Tree&) = delete;
-    Tree& operator=(const Tree&) = delete;
-    ~Tree() { fs::remove_all(m_root); }
-
-    const fs::path& Root() const { return m_root; }
-
-    void Change(const std::string& line)
-    {
-        if (line.rfind("gone ", 0) == 0)
-            fs::remove_all(m_root / line.substr(5));
-        else if (line.back() == '/')
-            fs::create_directories(m_root / line);
-        else if (const std::size_t arrow = line.find(" -> "); arrow != std::string::npos)
-        {
-            fs::create_directories((m_root / line.substr(0, arrow)).parent_path());
-            fs::create_symlink(line.substr(arrow + 4), m_root / line.substr(0, arrow));
-        }
-        else
-        {
-            const std::size_t colon = line.find(": ");
-            const fs::path file = m_root / line.substr(0, colon);
-            fs::create_directories(file.parent_path());
-            std::ofstream(file) << Unescaped(line.substr(colon + 2)) << '\n';
-        }
-    }
-
-private:
-    static std::string Unescaped(std::string text)
-    {
-        for (const auto& [escape, character] : {std::pair("\\n", "\n"), std::pair("\\134", "\\")})
-            for (std::size_t at = 0; (at = text.find(escape, at)) != std::string::npos; ++at)
-                text.replace(at, std::string(escape).size(), character);
-        return text;
-    }
-
-    fs::path m_root = fs::canonical(testing::TempDir()) / ("machine-" + std::to_string(::getpid()));
-};
 
 std::vector<std::string> Describe(const Machine& machine)
 {
@@ -129,7 +73,7 @@ TEST(Machine, IsRead)
     std::vector<std::string> lines = ReadLines(HERE "/machines.txt");
     lines.emplace_back("== end");
     std::string title;
-    std::optional<Tree> tree;
+    std::optional<RecordedMachine> tree;
     std::vector<std::string> rows, losses;
     int machines = -1;
     for (const std::string& line : lines)
@@ -161,7 +105,7 @@ TEST(Machine, IsRead)
     EXPECT_EQ(machines, 8);
 }
 
-std::string WhyUnreadable(const Tree& tree)
+std::string WhyUnreadable(const RecordedMachine& tree)
 {
     try
     {
@@ -176,7 +120,7 @@ std::string WhyUnreadable(const Tree& tree)
 
 TEST(Machine, TellsWhatCannotBeRead)
 {
-    Tree tree;
+    RecordedMachine tree;
     const std::string cannotRead = "cannot read " + tree.Root().string();
     rlimit usual{};
     getrlimit(RLIMIT_NOFILE, &usual);

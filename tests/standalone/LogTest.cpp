@@ -176,7 +176,7 @@ TEST_F(Log, SettingsComeFromTheRegistryAndTheEnvironment)
 
 TEST_F(Log, IsSetAsideBeforeItExceedsItsLimit)
 {
-    for (const char* const how : {"", "kept"})
+    for (const char* const how : {"", "kept 2>&1"})
     {
         fs::remove(m_file);
         Write("ZN_LOG_MAX_SIZE=10000", 0, 15, std::string(1000, 'x'), how);
@@ -264,6 +264,8 @@ TEST_F(Log, TellsWhyLinesAreLost)
         for (const int level : {0, -1})
             EXPECT_EQ(Write(std::string("ZN_LOG_FILE=") + file, level, 1, "x", "", before),
                       std::string("cannot write the log ") + file + ": " + reason + '\n');
+    EXPECT_THAT(Write("ZN_LOG_FILE=-", 0, 1, "x", "kept 2>&1"),
+                testing::EndsWith("Writer: x\nstill open\n\n"));
     EXPECT_EQ(Write("ZN_LOG_FILE=/no/such/log", 1, 1, "x"), "\n") << "a dropped line was written";
     EXPECT_THAT(Write("ZN_LOG_FILE=" + std::string(5000, 'x'), 1, 1, "x"),
                 testing::EndsWith("the name is too long\n"));
@@ -289,8 +291,8 @@ TEST_F(Log, IsWrittenBeforeTheHostWaits)
     {
         {
             const EvEvent outer;
+            EvEvent().DebugLvl("T", 0, "before %s", name);
             EvEvent log;
-            log.DebugLvl("T", 0, "before %s", name);
             EXPECT_EQ(Lines(m_ownFile).size(), 0U) << "the line was not buffered";
             if (wait)
                 wait(log);
@@ -372,12 +374,15 @@ TEST_F(Log, TapsHearTheirThreadOnly)
         const znhost::LogTap innerTap(
             UpTo(2), [&](const znhost::LogEntry& entry) { inner.push_back(entry.text); });
         log.DebugLvl("T", 2, "%s", "raw\ntext");
+        for (const std::size_t size : {511U, 512U}) // of the buffer for short texts, and one more
+            log.DebugLvl("T", 2, "%s", std::string(size, 'x').c_str());
         log.Debug("T", "no level");
         std::thread([] { EvEvent().DebugLvl("T", -1, "another thread"); }).join();
     }
     log.DebugLvl("T", 0, "dropped");
     log.DebugLvl("T", -1, 5LL, "error %d", 7);
-    EXPECT_THAT(inner, testing::ElementsAre("raw\ntext", "no level"));
+    EXPECT_THAT(inner, testing::ElementsAre("raw\ntext", std::string(511, 'x'), std::string(512, 'x'),
+                                            "no level"));
     EXPECT_THAT(outer, testing::ElementsAre("error 7"));
 }
 

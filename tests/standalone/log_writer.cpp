@@ -1,6 +1,6 @@
 // Writes lines to the log, each in a call of its own: LEVEL COUNT TEXT [HOW].
 //
-//   kept      all lines in one call
+//   kept      all lines in one call; says on standard error that it is still open
 //   rotated   another process renames the file before this one does, and writes a line to a new one
 //   moved     another process renames the file, and writes nothing
 //
@@ -66,6 +66,8 @@ int main(int argc, char** argv)
         // -1: how a call passes the highest job identifier
         log.DebugLvl("Writer", std::stoi(argv[1]), -1LL, "%s", argv[3]);
     }
+    if (call)
+        std::fputs("still open\n", stderr);
     call.reset();
     std::string changes = errno == EDOM ? "" : "errno";
     sigset_t blocked;
