@@ -13,7 +13,9 @@
 
 #include <gmock/gmock-matchers.h>
 
+#include <algorithm>
 #include <array>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -24,6 +26,7 @@
 #include <new>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <tuple>
 #include <utility>
 
@@ -47,13 +50,16 @@ struct ToolResult
 };
 
 std::deque<ToolResult> g_runs; // of the tools; the last one repeats
+std::function<void(const std::string& command)> g_effect = [](const std::string&) {};
 uid_t g_user = 0;
+bool g_knowsHost = true;
 bool g_isInside = false; // a recorded machine
 
 } // namespace
 
-int ZnProcess::system(const char* /*command*/, std::string* output, std::string* errorOutput, int, bool)
+int ZnProcess::system(const char* command, std::string* output, std::string* errorOutput, int, bool)
 {
+    g_effect(command);
     const ToolResult run = g_runs.at(0);
     if (g_runs.size() > 1)
         g_runs.pop_front();
@@ -64,8 +70,10 @@ int ZnProcess::system(const char* /*command*/, std::string* output, std::string*
 
 void detectOSType()
 {
-    g_iOsType = 1;
+    g_iOsType = g_knowsHost ? 1 : 0;
     g_iOsVersion = 9;
+    if (!g_knowsHost)
+        EvEvent().DebugLvl("detectOSType", -1, "cannot read it");
 }
 
 // Under other names, since the system's headers declare these functions with attributes.
@@ -144,6 +152,11 @@ TEST(Commands, CheckWhatTheToolReports)
     ExpectAnswer("a record that has just gone", Forget, "iqn.x:a", {{0, records}, broken, {0}},
                  "already forgotten\n");
 
+    g_knowsHost = false;
+    ExpectAnswer("a host that cannot be examined", ListRecords, "", {{0}},
+                 "tool-failed\ncannot tell whether this host is served\ncannot read it\n");
+    g_knowsHost = true;
+
     const std::string none =
         "no-session\ncannot find a disk of " + kIqn + "\nthere is no session with " + kIqn + '\n';
     const std::string nextStep = "log on first: zniscsi logon 192.0.2.10 " + kIqn + '\n';
@@ -192,6 +205,59 @@ TEST(Commands, CheckWhatTheKernelShows)
     });
 }
 
+void Write(const std::filesystem::path& file, const std::string& text)
+{
+    std::filesystem::create_directories(file.parent_path());
+    std::ofstream(file) << text << '\n';
+}
+
+TEST(Commands, DoctorExaminesUserAndTool)
+{
+    setenv("ZN_LOG_FILE", "/dev/null", 1);
+    g_runs = {{127, "", "no interpreter\n"}};
+    g_user = 1;
+    const Answer answer = Examine({});
+    g_user = 0;
+    EXPECT_THAT(answer.reasons, testing::Contains("user: not root"));
+    EXPECT_THAT(answer.reasons, testing::Contains("administration tool: no interpreter"));
+    EXPECT_THAT(Examine({}).reasons, testing::Not(testing::Contains("user: not root")));
+    ExpectInside(RecordedMachine(), [] {
+        const char* const file = "/etc/iscsi/initiatorname.iscsi";
+        Write(file, "InitiatorName=iqn.x\x1b");
+        const bool isEscaped = Examine({}).text.find(" iqn.x\\x1b\n") != std::string::npos;
+        Write(file, "InitiatorName=");
+        const Answer unnamed = Examine({});
+        return isEscaped && std::count(unnamed.reasons.begin(), unnamed.reasons.end(),
+                                       std::string("initiator name: ") + file + " names none") == 1;
+    });
+}
+
+TEST(Commands, WaitUntilTheKernelHasTheSession)
+{
+    setenv("ZN_LOG_FILE", "/dev/null", 1);
+    ExpectInside(RecordedMachine(), [] {
+        const std::filesystem::path classes = "/sys/class",
+                                    session = classes / "iscsi_session/session10";
+        Request request;
+        request.portal = "192.0.2.10";
+        request.iqn = "iqn.x:a";
+        g_runs = {{0}};
+        g_effect = [&](const std::string& command) {
+            if (command != "/sbin/iscsiadm -m node -T iqn.x:a -p 192.0.2.10 -l")
+                return;
+            Write(session / "targetname", "iqn.x:a");
+            Write(classes / "iscsi_connection/connection10:0/persistent_address", "192.0.2.10");
+            Write(classes / "iscsi_connection/connection10:0/persistent_port", "3260");
+            Write(session / "state", "FREE");
+            std::thread([session] {
+                std::this_thread::sleep_for(std::chrono::milliseconds(200));
+                Write(session / "state", "LOGGED_IN");
+            }).detach();
+        };
+        return AnswerOf(LogOn, request) == "logged on\n";
+    });
+}
+
 TEST(RecordLock, ExcludesTheSameRecordOnly)
 {
     RecordedMachine machine;
@@ -210,17 +276,6 @@ TEST(RecordLock, ExcludesTheSameRecordOnly)
         g_user = 1;
         return RecordLock(portal, "iqn.x:a").Trouble() == "/run/lock/zniscsi belongs to another user";
     });
-}
-
-TEST(Commands, DoctorExaminesTheUser)
-{
-    setenv("ZN_LOG_FILE", "/dev/null", 1);
-    g_runs = {{127}};
-    g_user = 1;
-    const Answer answer = Examine({});
-    g_user = 0;
-    EXPECT_THAT(answer.reasons, testing::Contains("user: not root"));
-    EXPECT_THAT(Examine({}).reasons, testing::Not(testing::Contains("user: not root")));
 }
 
 // Standard error is a terminal during its lifetime. The status line's clock stands still.

@@ -36,8 +36,10 @@ std::atomic<bool> g_seesEndOnly{false};
 } // namespace
 
 // The runner waits for its pipes and the end of its child. No other child of this process may inherit
-// these descriptors.
-extern "C" int poll(pollfd* files, nfds_t count, int timeoutMs)
+// these descriptors. (Under another name, since the system's header may define this one.)
+extern "C" int WatchedPoll(pollfd* files, nfds_t count, int timeoutMs) __asm__("poll");
+
+extern "C" int WatchedPoll(pollfd* files, nfds_t count, int timeoutMs)
 {
     for (nfds_t i = 0; i < count; ++i)
     {

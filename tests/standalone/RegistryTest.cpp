@@ -11,6 +11,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -119,12 +120,14 @@ TEST(Registry, FindsNumbers)
 
 TEST(Registry, TellsWhyANumberOrAFileIsNotUsed)
 {
+    const std::string large = testing::TempDir() + "large-" + std::to_string(::getpid());
+    std::ofstream(large) << '#' << std::string(1 << 20, 'x');
     const std::pair<std::string, const char*> rows[] = {
         {DATA "registry-number.ini",
          "cannot use [numbers] key of FILE: \"5s\" is not a decimal number of 32 bits"},
         {DATA "registry-broken.ini", "cannot read FILE: line 3: '=' character not found in line"},
         {DATA, "cannot read FILE: Is a directory"},
-        {"/dev/zero", "cannot read FILE: longer than 1048576 bytes"},
+        {large, "cannot read FILE: longer than 1048576 bytes"},
         {"/proc/self/cmdline", "cannot read FILE: not a text file"},
         {std::string(300, 'n'), "cannot read FILE: File name too long"}};
     for (auto [file, reason] : rows)
@@ -134,6 +137,7 @@ TEST(Registry, TellsWhyANumberOrAFileIsNotUsed)
         const std::string expected = std::string("ZNPlatformInfo::getRegInt -1 ") + reason;
         EXPECT_THAT(g_log, ElementsAre(std::string(expected).replace(expected.find("FILE"), 4, file)));
     }
+    ::unlink(large.c_str());
     std::string error;
     EXPECT_EQ(znhost::ReadRegistryValue("Log", "File", error), std::nullopt);
     EXPECT_THAT(error, HasSubstr("File name too long"));
