@@ -9,6 +9,7 @@
 #include "host/EvDebug.h"
 #include "host/OSType.h"
 #include "host/ZnProcess.h"
+#include "tests/OwnRoot.h"
 #include "tests/agent/RecordedMachine.h"
 
 #include <gmock/gmock-matchers.h>
@@ -24,6 +25,7 @@
 #include <fstream>
 #include <functional>
 #include <new>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -51,7 +53,7 @@ struct ToolResult
 
 std::deque<ToolResult> g_runs; // of the tools; the last one repeats
 std::function<void(const std::string& command)> g_effect = [](const std::string&) {};
-uid_t g_user = 0;
+std::optional<uid_t> g_user; // if not the one of this process
 bool g_knowsHost = true;
 bool g_isInside = false; // a recorded machine
 
@@ -98,7 +100,7 @@ extern "C" int ScriptedMkdir(const char* path, mode_t mode) noexcept
 
 extern "C" uid_t ScriptedUser() noexcept
 {
-    return g_user;
+    return g_user ? *g_user : static_cast<uid_t>(syscall(SYS_geteuid));
 }
 
 namespace
@@ -171,14 +173,12 @@ TEST(Commands, CheckWhatTheToolReports)
                      nextStep);
 }
 
-// Runs `test`, which returns whether it passed, in a process of its own with `machine` as its root.
 void ExpectInside(const RecordedMachine& machine, const std::function<bool()>& test)
 {
-    const auto exit = [&] {
-        g_isInside = machine.Enter();
-        _exit(!g_isInside || test() ? 0 : 1);
-    };
-    EXPECT_EXIT(exit(), testing::ExitedWithCode(0), "");
+    ExpectInRoot(machine.Root(), [&] {
+        g_isInside = true;
+        return test();
+    });
 }
 
 TEST(Commands, CheckWhatTheKernelShows)
@@ -273,7 +273,7 @@ TEST(RecordLock, ExcludesTheSameRecordOnly)
                flock(record, LOCK_SH | LOCK_NB) != 0 && flock(all, LOCK_EX | LOCK_NB) != 0;
     });
     ExpectInside(machine, [&] {
-        g_user = 1;
+        g_user = 77777;
         return RecordLock(portal, "iqn.x:a").Trouble() == "/run/lock/zniscsi belongs to another user";
     });
 }

@@ -7,7 +7,6 @@
 #include <utility>
 #include <vector>
 
-#include <sched.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -35,13 +34,6 @@ public:
     ~RecordedMachine() { std::filesystem::remove_all(m_root); }
 
     const std::filesystem::path& Root() const { return m_root; }
-
-    // Makes it the root of this process. False if that is not allowed here.
-    bool Enter() const
-    {
-        return chroot(m_root.c_str()) == 0 ||
-               (unshare(CLONE_NEWUSER) == 0 && chroot(m_root.c_str()) == 0);
-    }
 
     // Changes it by a line as in machines.txt.
     void Change(const std::string& line)

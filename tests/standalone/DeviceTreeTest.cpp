@@ -2,6 +2,7 @@
 #include "standalone/zndevicetree/SysfsTree.h"
 
 #include "standalone/znlib/Log.h"
+#include "tests/OwnRoot.h"
 
 #include <gmock/gmock-matchers.h>
 
@@ -13,7 +14,6 @@
 #include <utility>
 #include <vector>
 
-#include <sched.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -61,12 +61,7 @@ public:
         return text + "] " + NameOf(tree.FindWholeDevice(path));
     }
 
-    // Makes it the root of this process. False if that is not allowed here.
-    bool Enter() const
-    {
-        return chroot(m_root.c_str()) == 0 ||
-               (unshare(CLONE_NEWUSER) == 0 && chroot(m_root.c_str()) == 0);
-    }
+    const fs::path& Root() const { return m_root; }
 
 private:
     static std::string NameOf(const SP<ZnDevice>& device)
@@ -160,15 +155,10 @@ TEST_F(DeviceTree, IsTheOneOfThisMachine)
     EXPECT_EQ(ZnDeviceTree::getParentDevice("/dev/null", nullptr).get(), nullptr);
     EXPECT_EQ(znhost::SysfsTree("/nonexistent", "/dev").FindDevice("/dev/mapper/mpatha").get(),
               nullptr);
-    const auto exit = [&] {
-        if (!machine.Enter())
-            _exit(0);
-        const bool isRight =
-            ZnDeviceTree::getDevice("/dev/sda1", &error)->getName() == "/dev/sda1" &&
-            ZnDeviceTree::getParentDevice("/dev/sda1", nullptr)->getName() == "/dev/sda";
-        _exit(isRight ? 0 : 1);
-    };
-    EXPECT_EXIT(exit(), testing::ExitedWithCode(0), "");
+    ExpectInRoot(machine.Root(), [&] {
+        return ZnDeviceTree::getDevice("/dev/sda1", &error)->getName() == "/dev/sda1" &&
+               ZnDeviceTree::getParentDevice("/dev/sda1", nullptr)->getName() == "/dev/sda";
+    });
 }
 
 } // namespace
