@@ -103,5 +103,6 @@ void PrintJson(const Answer& answer)
 
 void PrintError(const std::string& line)
 {
+    EraseStatusLine();
     WriteToStandardError("zniscsi: " + znhost::Printable(line) + '\n');
 }

@@ -24,7 +24,7 @@ void RequireSuccess(bool succeeded, const std::string& source)
 void KeepOutOfCoreFiles()
 {
     // A limit of 1 also stops cores that the kernel pipes to a program; it ignores 0 for these.
-    for (const rlim_t bytes : {1, 0})
+    for (const rlim_t bytes : {rlim_t{1}, rlim_t{0}})
         if (const rlimit limit{bytes, bytes}; setrlimit(RLIMIT_CORE, &limit) == 0)
             break;
     prctl(PR_SET_DUMPABLE, 0); // execve resets it for the tool

@@ -3,12 +3,12 @@
 
 #include <cstdlib>
 
-// Any machine will do: this program's own detector takes precedence.
+// This program's own detector takes precedence: the host counts as served.
 std::int32_t g_iOsType = 1;
 std::int32_t g_iOsVersion = 9;
 void detectOSType() {}
 
-// ... and with it its globals, which the sanitizer would take for a mistake.
+// The globals of the detector are defined twice, which the sanitizer would report.
 // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the sanitizer's own name
 extern "C" const char* __asan_default_options()
 {

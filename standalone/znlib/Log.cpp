@@ -274,7 +274,9 @@ const LogSettings& znhost::CurrentLogSettings()
         else if (g_settingsReader.compare_exchange_strong(reader, getpid()))
         {
             // Nobody is reading, or only a thread of the parent process was, at the fork.
+            const int callersError = errno;
             ReadLogSettings();
+            errno = callersError;
             g_shownLevel = g_settings.level;
             g_settingsReader.store(kRead, std::memory_order_release);
         }

@@ -1,11 +1,12 @@
-// What the agent reads in sysfs and /proc of recorded machines (machines.txt), and its pure functions.
+// The agent reads recorded machines (machines.txt), and its pure functions.
 #include "agent/Arguments.h"
 #include "agent/Initiator.h"
 #include "agent/Questions.h"
 #include "agent/Reasons.h"
 #include "standalone/znlib/Text.h"
+#include "tests/agent/RecordedMachine.h"
 
-#include <gmock/gmock.h>
+#include <gmock/gmock-matchers.h>
 
 #include <filesystem>
 #include <fstream>
@@ -19,18 +20,8 @@
 
 namespace
 {
-namespace fs = std::filesystem;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
-
-std::vector<std::string> ReadLines(const fs::path& file)
-{
-    std::ifstream stream(file);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(stream, line);)
-        lines.push_back(line);
-    return lines;
-}
 
 std::string OrDash(const std::string& text)
 {
@@ -44,53 +35,6 @@ std::string Join(const std::vector<std::string>& parts, const char* separator)
         text += (text.empty() ? "" : separator) + part;
     return OrDash(text);
 }
-
-// A machine unpacked into a folder.
-class Tree
-{
-public:
-    Tree()
-    {
-        for (const std::string& line : ReadLines(HERE "/recorded/two-portals.tree"))
-            Change(line);
-    }
-    Tree(const Tree&) = delete;
-    Tree& operator=(const Tree&) = delete;
-    ~Tree() { fs::remove_all(m_root); }
-
-    const fs::path& Root() const { return m_root; }
-
-    void Change(const std::string& line)
-    {
-        if (line.rfind("gone ", 0) == 0)
-            fs::remove_all(m_root / line.substr(5));
-        else if (line.back() == '/')
-            fs::create_directories(m_root / line);
-        else if (const std::size_t arrow = line.find(" -> "); arrow != std::string::npos)
-        {
-            fs::create_directories((m_root / line.substr(0, arrow)).parent_path());
-            fs::create_symlink(line.substr(arrow + 4), m_root / line.substr(0, arrow));
-        }
-        else
-        {
-            const std::size_t colon = line.find(": ");
-            const fs::path file = m_root / line.substr(0, colon);
-            fs::create_directories(file.parent_path());
-            std::ofstream(file) << Unescaped(line.substr(colon + 2)) << '\n';
-        }
-    }
-
-private:
-    static std::string Unescaped(std::string text)
-    {
-        for (const auto& [escape, character] : {std::pair("\\n", "\n"), std::pair("\\134", "\\")})
-            for (std::size_t at = 0; (at = text.find(escape, at)) != std::string::npos; ++at)
-                text.replace(at, std::string(escape).size(), character);
-        return text;
-    }
-
-    fs::path m_root = fs::canonical(testing::TempDir()) / ("machine-" + std::to_string(::getpid()));
-};
 
 std::vector<std::string> Describe(const Machine& machine)
 {
@@ -124,12 +68,12 @@ void ExpectLosses(const Machine& machine, const std::string& line)
               line.substr(line.find("=> ") + 3));
 }
 
-TEST(Machine, IsReadAsTheKernelShowsIt)
+TEST(Machine, IsRead)
 {
     std::vector<std::string> lines = ReadLines(HERE "/machines.txt");
     lines.emplace_back("== end");
     std::string title;
-    std::optional<Tree> tree;
+    std::optional<RecordedMachine> tree;
     std::vector<std::string> rows, losses;
     int machines = -1;
     for (const std::string& line : lines)
@@ -161,7 +105,7 @@ TEST(Machine, IsReadAsTheKernelShowsIt)
     EXPECT_EQ(machines, 8);
 }
 
-std::string WhyUnreadable(const Tree& tree)
+std::string WhyUnreadable(const RecordedMachine& tree)
 {
     try
     {
@@ -174,9 +118,9 @@ std::string WhyUnreadable(const Tree& tree)
     return "";
 }
 
-TEST(Machine, SaysWhatItCannotRead)
+TEST(Machine, TellsWhatCannotBeRead)
 {
-    Tree tree;
+    RecordedMachine tree;
     const std::string cannotRead = "cannot read " + tree.Root().string();
     rlimit usual{};
     getrlimit(RLIMIT_NOFILE, &usual);
@@ -189,13 +133,13 @@ TEST(Machine, SaysWhatItCannotRead)
     EXPECT_EQ(WhyUnreadable(tree), cannotRead + "/proc/self/mountinfo: it is not there");
 }
 
-TEST(Portal, IsReadMatchedAndShown)
+TEST(Portal, IsParsedMatchedAndFormatted)
 {
     struct Row
     {
         const char* text;
-        const char* shown; // null: not a portal
-        bool isTheOne;     // equal to 192.0.2.10
+        const char* shown; // null if it is malformed
+        bool matches;      // 192.0.2.10
     };
     for (const Row& row :
          {Row{"192.0.2.10", "192.0.2.10", true}, Row{"192.0.2.10:3260,1", "192.0.2.10", true},
@@ -203,18 +147,69 @@ TEST(Portal, IsReadMatchedAndShown)
           Row{"[2001:db8::10]:3260,1", "[2001:db8::10]", false},
           Row{"2001:db8::10", "[2001:db8::10]", false}, Row{"array-a:1", "array-a:1", false},
           Row{"192.0.2.10:", nullptr, false}, Row{"192.0.2.10:65536", nullptr, false},
-          Row{"[]:3260", nullptr, false}, Row{"[::1", nullptr, false}, Row{"", nullptr, false}})
+          Row{"192.0.2.10:1x", nullptr, false}, Row{"[::1]x3260", nullptr, false},
+          Row{"localhost", "localhost", false}, Row{"[]:3260", nullptr, false},
+          Row{"[::1", nullptr, false}, Row{"", nullptr, false}})
     {
         const std::optional<Portal> portal = ParsePortal(row.text);
         EXPECT_EQ(portal ? FormatPortal(*portal) : "none", row.shown == nullptr ? "none" : row.shown);
-        EXPECT_EQ(portal && PortalMatcher("192.0.2.10").Matches(*portal), row.isTheOne) << row.text;
+        EXPECT_EQ(portal && PortalMatcher("192.0.2.10").Matches(*portal), row.matches) << row.text;
     }
+    EXPECT_FALSE(PortalMatcher("127.0.0.1").Matches({"localhost", 3260})) << "a name was resolved";
+    const std::string noName(64, 'a'); // too long to be asked for
+    EXPECT_TRUE(PortalMatcher(noName).Matches({noName, 3260}));
     EXPECT_TRUE(PortalMatcher("2001:db8:0::10").Matches({"2001:db8::10", 3260}));
     EXPECT_EQ(PortalMatcher("2001:db8:0::10").Canonical(),
               PortalMatcher("[2001:db8::10]:3260").Canonical());
 }
 
-TEST(Questions, HaveAnswersThatPeopleRead)
+TEST(Arguments, AreCheckedForTheTool)
+{
+    const std::string x253(253, 'x'), dash = "it begins with '-'", form = "it is none of ADDRESS";
+    const std::tuple<std::string (*)(const std::string&), std::string, std::string> rows[] = {
+        {FindPortalFault, "192.0.2.10:3260", ""},
+        {FindPortalFault, "192.0.2.10:3260,1", form}, // a portal group tag
+        {FindPortalFault, x253 + ".a:65535", ""},
+        {FindPortalFault, x253 + ".ab:3260", form},
+        {FindPortalFault, "-p", dash},
+        {FindIqnFault, "naa." + x253.substr(0, 219), ""},
+        {FindIqnFault, "iqn." + x253.substr(0, 220), "it is longer than 223 bytes"},
+        {FindIqnFault, "xiqn.x", "it begins with none of iqn."},
+        {FindIqnFault, "iqn.a\x7f", "it contains a blank or a control character"},
+        {FindDeviceFault, "/chroot/dev/sdb", ""},
+        {FindDeviceFault, "sdb", "it does not contain"},
+        {[](const std::string& name) { return FindChapFault(name); }, "-x", ""},
+        {[](const std::string& name) { return FindChapFault(name); }, "", "it is empty"}};
+    for (const auto& [findFault, value, fault] : rows)
+        EXPECT_EQ(findFault(value).substr(0, fault.size() + (fault.empty() ? 1 : 0)), fault) << value;
+}
+
+TEST(Questions, SelectSessionsByTargetAndPortal)
+{
+    const PortalMatcher portal("192.0.2.10");
+    const std::vector<Session> sessions{{1, "LOGGED_IN", ParsePortal("192.0.2.10"), "iqn.x:a"},
+                                        {2, "LOGGED_IN", ParsePortal("192.0.2.10:1"), "iqn.x:a"},
+                                        {3, "LOGGED_IN", std::nullopt, "iqn.x:a"},
+                                        {4, "LOGGED_IN", ParsePortal("192.0.2.10"), "iqn.x:ab"}};
+    ASSERT_EQ(SelectSessions(sessions, "iqn.x:a", &portal).size(), 1U);
+    EXPECT_EQ(SelectSessions(sessions, "iqn.x:a", &portal)[0].sid, 1);
+    EXPECT_EQ(SelectSessions(sessions, "iqn.x:a").size(), 3U);
+}
+
+TEST(Questions, ListWorkingPathsFirst)
+{
+    const std::vector<Session> sessions{
+        {1, "LOGGED_IN", std::nullopt, "", {{"/dev/sda", 1, std::nullopt, "offline"}}},
+        {2, "FAILED", std::nullopt, "", {{"/dev/sdb", 1, std::nullopt, "running"}}},
+        {3, "LOGGED_IN", std::nullopt, "", {{"/dev/sdc", 1, std::nullopt, "running"}}}};
+    std::vector<std::string> states;
+    for (const auto& [disk, session] : FindPaths(sessions, {"/dev/sdc", "/dev/sdb", "/dev/sda"}))
+        states.push_back(disk.device + ' ' + DescribeState(session, &disk));
+    EXPECT_THAT(states,
+                ElementsAre("/dev/sdc LOGGED_IN", "/dev/sda LOGGED_IN/offline", "/dev/sdb FAILED"));
+}
+
+TEST(Questions, FormatSizesAndTables)
 {
     const std::pair<unsigned long long, const char*> sizes[] = {
         {0, "0B"},           {512, "512B"},        {1023, "1023B"},       {1024, "1K"},
@@ -231,7 +226,7 @@ TEST(Questions, HaveAnswersThatPeopleRead)
         EXPECT_EQ(FindNearest(word, words), nearest) << word;
 }
 
-TEST(NodeRecords, AreReadLineByLine)
+TEST(NodeRecords, AreParsedLineByLine)
 {
     const std::vector<NodeRecord> records =
         ParseNodeRecords("192.0.2.10:3260,1 iqn.x:a\nnot-a-record\n[2001:db8::10]:3261,-1 iqn.x:b "
@@ -241,16 +236,18 @@ TEST(NodeRecords, AreReadLineByLine)
     EXPECT_EQ(FormatPortal(records[1].portal) + ' ' + records[1].iqn, "[2001:db8::10]:3261 iqn.x:b");
 }
 
-TEST(Reasons, AreEachSaidOnceWithTheNextStep)
+TEST(Reasons, AreListedOnceWithTheNextStep)
 {
     EXPECT_THAT(
         ParseReasons({"Failed to run /sbin/iscsiadm -m session -P3: iscsiadm: x\niscsiadm: y\n"
                       " ... Trying /sbin/iscsiadm -m session -i",
                       "Error returned by command is: iscsiadm: z.", "/usr/sbin/ehcmcli not found!!",
                       "Failed to run /sbin/iscsiadm -m session -i: iscsiadm: x\n",
-                      "Unable to parse the input or end of input string. Volume string not found!"}),
+                      "Unable to parse the input or end of input string. Volume string not found!",
+                      "cannot look up /dev/x: Permission denied"}),
         ElementsAre("Failed to run /sbin/iscsiadm -m session -P3", "iscsiadm: x", "iscsiadm: y",
-                    "Failed to run /sbin/iscsiadm -m session -i"));
+                    "Failed to run /sbin/iscsiadm -m session -i",
+                    "cannot look up /dev/x: Permission denied"));
     EXPECT_THAT(
         ParseReasons({"Failed to run a: iscsiadm: No active sessions.\n", "Failed to run b: refused"}),
         ElementsAre("Failed to run a", "iscsiadm: No active sessions."));
@@ -284,7 +281,7 @@ TEST(Reasons, AreEachSaidOnceWithTheNextStep)
     const Failure unexplained = Explain({"cannot", "iscsiadm: broken"}, request, Cause::NoDevice);
     EXPECT_STREQ(NameOf(*unexplained.answer->cause), "no-device");
     EXPECT_THAT(unexplained.answer->reasons, ElementsAre("cannot", "iscsiadm: broken"));
-    // The report of a refused discovery ends with a time-out; the refusal decides.
+    // A refused discovery also reports a time-out.
     EXPECT_EQ(Explain({"Connection refused", "iSCSI PDU timed out"}, request, Cause::ToolFailed)
                   .answer->cause,
               Cause::Unreachable);

@@ -44,29 +44,71 @@ std::vector<Word> ParseWords(const std::string& line)
     return words;
 }
 
+struct Line
+{
+    int number;
+    std::string text;
+};
+
+// The lines with $1, $2, ... replaced by the words of `row`.
+std::vector<Line> Filled(std::vector<Line> lines, const std::vector<Word>& row)
+{
+    for (Line& line : lines)
+        for (std::size_t at = 0; (at = line.text.find('$', at)) != std::string::npos; ++at)
+            if (const std::size_t column = static_cast<std::size_t>(line.text[at + 1] - '1');
+                column < row.size())
+                line.text.replace(at, 2, row[column].value());
+    return lines;
+}
+
+std::vector<Statement> ParseStatements(const std::vector<Line>& lines)
+{
+    std::vector<Statement> statements;
+    for (const auto& [number, text] : lines)
+    {
+        if (text.compare(0, 2, "  ") == 0)
+            statements.back().transcript += text.substr(2) + '\n';
+        else if (text.front() == '|')
+            *statements.back().words.back() += Unescaped(text.substr(1)) + '\n';
+        else
+            statements.push_back({number, ParseWords(text), {}});
+    }
+    return statements;
+}
+
 } // namespace
 
 std::vector<Case> ParseCases(const std::string& text)
 {
-    Case common;
-    std::vector<Case> cases;
-    std::istringstream lines(text);
+    struct Section
+    {
+        std::string name;
+        std::vector<std::vector<Word>> rows{};
+        std::vector<Line> lines{};
+    };
+    std::vector<Section> sections{{"common"}};
+    std::istringstream stream(text);
     int number = 0;
-    for (std::string line; std::getline(lines, line);)
+    for (std::string line; std::getline(stream, line);)
     {
         ++number;
-        std::vector<Statement>& statements =
-            cases.empty() ? common.statements : cases.back().statements;
         if (line.empty() || line.front() == '#')
             continue;
         if (line.compare(0, 5, "case ") == 0)
-            cases.push_back({line.substr(5), common.statements});
-        else if (line.compare(0, 2, "  ") == 0)
-            statements.back().transcript += line.substr(2) + '\n';
-        else if (line.front() == '|')
-            *statements.back().words.back() += Unescaped(line.substr(1)) + '\n';
+            sections.push_back({line.substr(5), {}, sections.front().lines});
+        else if (line.compare(0, 5, "with ") == 0)
+            sections.back().rows.push_back(ParseWords(line.substr(5)));
         else
-            statements.push_back({number, ParseWords(line), {}});
+            sections.back().lines.push_back({number, line});
+    }
+    std::vector<Case> cases;
+    for (auto section = sections.begin() + 1; section != sections.end(); ++section)
+    {
+        if (section->rows.empty())
+            section->rows.emplace_back();
+        for (const std::vector<Word>& row : section->rows)
+            cases.push_back({section->name + (row.empty() ? "" : ", " + row[0].value()),
+                             ParseStatements(Filled(section->lines, row))});
     }
     return cases;
 }

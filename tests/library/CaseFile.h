@@ -1,25 +1,28 @@
-// Files of cases: what the host is like, what is called, and all that is to happen then.
+// Case files: what the host is like, what is called, and everything that must happen then.
 //
-//   # Statements before the first case set up every case.
+//   # Statements before the first case belong to every case.
 //   missing /usr/sbin/ehcmcli
 //
+//   # The case runs once for each "with" row; $1, $2, ... are the words of the row.
 //   case another host is refused
+//   with RefreshiSCSITargetPortal "192.0.2.10"
+//   with LogOnToiSCSITarget "192.0.2.10 iqn:a"
 //   os 1 4
-//   call RefreshiSCSITargetPortal 192.0.2.10
+//   call $1 $2
 //   os 0 7
-//   call RefreshiSCSITargetPortal "192.0.2.10"
+//   call $1 $2
 //     platform test log event
 //        detect
-//        -1 #42 ZnISCSILinux::RefreshiSCSITargetPortal: Currently not supported for this OS.
+//        -1 #42 ZnISCSILinux::$1: Currently not supported for this OS.
 //     = 0
 //
-// A statement is a line of words. A "quoted word" may hold blanks or nothing; null is no text at all;
-// @NAME is the text of the data file NAME; | is the text of the lines below that begin with |, line
-// ends included. Quoted words and such lines know the escapes \n, \r, \t and \\.
+// A statement is a line of words. A "quoted word" may contain blanks or be empty; null is a null
+// pointer; @NAME is the text of the data file NAME; | is the text of the following lines that begin
+// with |, including their line ends. Quoted words and such lines know the escapes \n, \r, \t and \\.
 //
-// Lines indented by two blanks are the transcript of the call above them, and of those calls before it
-// that have none of their own: all that happens, and what the call answers ("ask" for "call": only what
-// it answers).
+// Lines indented by two blanks are the transcript of the call before them, and of earlier calls without
+// a transcript of their own: everything that happens, then the result. "ask" instead of "call" expects
+// the result only; "nulls" repeats the call with a null pointer in place of each argument in turn.
 #pragma once
 
 #include <optional>
@@ -38,10 +41,10 @@ struct Statement
 struct Case
 {
     std::string name;
-    std::vector<Statement> statements; // those that set up every case included
+    std::vector<Statement> statements; // including those that belong to every case
 };
 
 std::vector<Case> ParseCases(const std::string& text);
 
-// The data file `name`; a test that asks for one that is not there fails.
+// Returns the data file `name`. The test fails if there is none.
 std::string ReadData(const std::string& name);

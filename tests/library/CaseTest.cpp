@@ -1,5 +1,5 @@
-// The cases of the data files: every branch of every operation, with the exact sequence of contexts,
-// log lines, tool checks, runs and look-ups.
+// Runs the case files: every branch of every operation, with the exact sequence of contexts, log lines,
+// tool checks, runs and look-ups.
 
 #include "tests/library/CaseFile.h"
 #include "tests/library/ScriptedHost.h"
@@ -13,7 +13,7 @@
 namespace
 {
 
-// The words behind a statement's first one.
+// The words of a statement after the first.
 class Arguments
 {
 public:
@@ -38,7 +38,7 @@ const std::map<std::string, SetUp> kSetUps{
     {"missing", [](const Arguments& a) { g_host.missingTools.insert(a[0]); }},
     {"hide", [](const Arguments& a) { g_host.hiddenTags.insert(a[0]); }},
     {"setting", [](const Arguments& a) { g_host.settings[a[0] + std::string(" ") + a[1]] = a[2]; }},
-    // A device that the tree has, and the physical disks beneath it.
+    // A device of the tree, and the physical disks beneath it.
     {"device",
      [](const Arguments& a) {
          ScriptedDevice& device = g_host.devices[a[0]];
@@ -47,12 +47,12 @@ const std::map<std::string, SetUp> kSetUps{
              device.children.emplace_back(a[child]);
      }},
     {"parent", [](const Arguments& a) { g_host.devices[a[0]].parent = a[1]; }},
-    // The next run: its result, its output and its error output.
+    // The next run: result, output, error output.
     {"run",
      [](const Arguments& a) {
          g_host.runs.push_back({a.Number(0), a.Count() > 1 ? a[1] : "", a.Count() > 2 ? a[2] : ""});
      }},
-    // How many runs like the one above there are.
+    // The number of runs like the one before.
     {"times",
      [](const Arguments& a) {
          const ScriptedRun run = g_host.runs.back();
@@ -68,8 +68,7 @@ std::string InBrackets(const std::list<std::string>& values)
     return all;
 }
 
-// A caller's buffer of the size that a word says (null: no buffer), with room behind it that nobody may
-// touch.
+// A caller's buffer of the given size (null: no buffer), followed by bytes that must not be written.
 class Buffer
 {
 public:
@@ -82,7 +81,7 @@ public:
     char* Data() { return m_isGiven ? m_bytes.data() : nullptr; }
     unsigned long& Size() { return m_size; }
 
-    // All up to the last byte that was touched.
+    // The bytes up to the last one that was written.
     std::string Touched() const
     {
         EXPECT_EQ(m_size, m_given);
@@ -100,7 +99,7 @@ private:
 };
 
 using Object = ZnISCSILinuxRedhat;
-// Calls a function and says what it answered: its result, then what it handed back.
+// Calls a function and describes the result, then the values handed back.
 using Function = std::function<std::string(Object&, const Arguments&)>;
 
 std::string Text(int result)
@@ -210,10 +209,20 @@ const std::map<std::string, Function> kFunctions{
      }},
 };
 
-// What a call answers.
 std::string Answer(Object& object, const std::vector<Word>& call)
 {
     return kFunctions.at(call.at(1).value())(object, Arguments({call.begin() + 1, call.end()}));
+}
+
+// The calls that a statement makes.
+std::vector<std::vector<Word>> Calls(const std::vector<Word>& words)
+{
+    if (words.at(0) != "nulls")
+        return {words};
+    std::vector<std::vector<Word>> calls(words.size() - 2, words);
+    for (std::size_t i = 0; i < calls.size(); ++i)
+        calls[i][i + 2] = std::nullopt;
+    return calls;
 }
 
 void RunCase(const Case& test)
@@ -227,20 +236,23 @@ void RunCase(const Case& test)
     {
         SCOPED_TRACE(test.name + ", line " + std::to_string(at->line));
         const std::string verb = at->words.at(0).value();
-        if (verb != "call" && verb != "ask")
+        if (const auto setUp = kSetUps.find(verb); setUp != kSetUps.end())
         {
-            kSetUps.at(verb)(Arguments(at->words));
+            setUp->second(Arguments(at->words));
             continue;
         }
         const auto expected = std::find_if(
             at, statements.end(), [](const Statement& call) { return !call.transcript.empty(); });
         ASSERT_NE(expected, statements.end()) << "no transcript";
-        g_host.transcript.clear();
-        const std::string answer = Answer(*object, at->words);
-        if (verb == "ask")
+        for (const std::vector<Word>& call : Calls(at->words))
+        {
             g_host.transcript.clear();
-        g_host.Happened("= " + answer);
-        EXPECT_EQ(expected->transcript, g_host.transcript);
+            const std::string answer = Answer(*object, call);
+            if (verb == "ask")
+                g_host.transcript.clear();
+            g_host.Happened("= " + answer);
+            EXPECT_EQ(g_host.transcript, expected->transcript);
+        }
     }
     EXPECT_TRUE(g_host.runs.empty()) << test.name << ": runs left over";
 }

@@ -1,5 +1,4 @@
-// What an instance is to its host: the job identifier, the defaults of its upper layers, its dispatch
-// table.
+// The instance: its job identifier, the defaults of its base classes, its dispatch table.
 
 #include "tests/library/ScriptedHost.h"
 
@@ -27,7 +26,7 @@ TEST(Instance, JobIdentifierStartsAtZeroAndIsCopied)
     EXPECT_EQ(marked(*instance), "#0");
     unsigned long long job = 42;
     instance->SetLogging(job);
-    job = 18446744073709551615ULL; // handed on as a signed value
+    job = 18446744073709551615ULL; // passed as a signed number
     EXPECT_EQ(marked(*instance), "#42");
     instance->SetLogging(job);
     EXPECT_EQ(marked(*instance), "#-1");
@@ -48,10 +47,10 @@ TEST(Instance, DefaultsOfABarePlatformAreSilent)
 int OtherDisks(ZnISCSI*, const char* targetIQN, std::list<std::string>& devices)
 {
     devices = {std::string("/dev/for-") + targetIQN, "/dev/second"};
-    return 0; // not looked at
+    return 0; // ignored
 }
 
-// A dispatch table whose entry for the disks of a target is another function.
+// Replaces the entry of GetPhysicalDevicesForTargetIQN in the dispatch table of an instance.
 class OtherDispatch
 {
 public:

@@ -48,7 +48,7 @@ void ScriptedHost::Opened(const std::string& context)
 
 void ScriptedHost::Focused(const std::string& focus)
 {
-    EXPECT_TRUE(m_isOpening && m_contexts.back() == "platform") << "bound to " << focus << " too late";
+    EXPECT_TRUE(m_isOpening && m_contexts.back() == "platform") << "focus " << focus << " set too late";
     transcript.insert(transcript.size() - 1, ' ' + focus);
 }
 
@@ -68,7 +68,7 @@ void WriteLine(const std::string& level, const std::string& tag, const char* for
     if (g_host.hiddenTags.count(tag) != 0)
         return;
     std::array<char, 4096> text{};
-    static_cast<void>(std::vsnprintf(text.data(), text.size(), format, arguments)); // may cut it
+    static_cast<void>(std::vsnprintf(text.data(), text.size(), format, arguments)); // may truncate it
     g_host.Happened(level + ' ' + tag + ": " + Escaped(text.data()));
 }
 
@@ -79,7 +79,7 @@ const ScriptedDevice& FindScripted(const char* path)
     return device == g_host.devices.end() ? none : device->second;
 }
 
-// Where the registry has `key` of `section`; the transcript says that it was looked up.
+// The value of `key` in `section`, or null. Records the look-up.
 const std::string* FindSetting(const char* section, const char* key)
 {
     const std::string name = std::string(section) + ' ' + key;
@@ -173,7 +173,7 @@ int ZnProcess::system(const char* command, std::string* output, std::string* err
     return run.result;
 }
 
-// By its own name, since the system's header names the parameters otherwise.
+// Under another name, since the system's header names the parameters otherwise.
 extern "C" int ScriptedAccess(const char* path, int mode) noexcept __asm__("access");
 
 extern "C" int ScriptedAccess(const char* path, int mode) noexcept
@@ -207,7 +207,7 @@ int ZNPlatformInfo::getString(const char* section, const char* key, char* buffer
     if (value == nullptr || value->size() >= static_cast<std::size_t>(bufferSize))
         return 0;
     std::copy_n(value->c_str(), value->size() + 1, buffer);
-    return 7; // any value but zero says "found"
+    return 7; // any value but 0 means found
 }
 
 bool ZNPlatformInfo::getRegInt(const char* section, const char* key, int* value)

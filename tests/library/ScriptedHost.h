@@ -1,7 +1,7 @@
-// A host that does what a test tells it to and writes down what the library asked of it.
+// A host that answers as a test tells it and records what the library asks of it.
 //
-// The test program defines the host services itself and so takes precedence over the stand-alone host's
-// libraries; the library under test is the shipped one.
+// The test program defines the host services itself, which take precedence over those of the
+// stand-alone host's libraries. The library under test is the shipped one.
 #pragma once
 
 #include "redhat/ZnISCSILinuxRedhat.h"
@@ -22,8 +22,8 @@ struct ScriptedRun
 
 struct ScriptedDevice
 {
-    bool isKnown = false;              // whether the tree has the device itself
-    std::string parent;                // its name; empty: the tree knows no parent
+    bool isKnown = false;              // whether the tree has the device
+    std::string parent;                // its name; empty if the tree has none
     std::vector<std::string> children; // their names
 };
 
@@ -33,17 +33,17 @@ public:
     int osType = 1;
     int osVersion = 5;
     std::set<std::string> missingTools;
-    std::deque<ScriptedRun> runs; // what the next runs answer; a run beyond them fails the test
-    std::map<std::string, std::string> settings; // "SECTION KEY" to the value
+    std::deque<ScriptedRun> runs; // results of the next runs; the test fails if there are more runs
+    std::map<std::string, std::string> settings; // by "SECTION KEY"
     std::map<std::string, ScriptedDevice> devices;
-    std::set<std::string> hiddenTags; // whose log lines are not written down
+    std::set<std::string> hiddenTags; // of log lines that are not recorded
 
-    // All that happened, a line each, indented by a blank for each context that is open around it;
-    // texts and commands are escaped:
+    // Everything that happened, one line each, indented by one blank for each open context. Texts and
+    // commands are escaped:
     //   LEVEL[ #JOB] TAG: TEXT      ("-" for a line without a level)
     //   access PATH, run COMMAND, detect, read SECTION KEY, sleep MS FILE, device PATH, parent PATH
-    //   platform FOCUS, log, event  (contexts; on one line where they open one right after the other)
-    // Where the log has just said "Running [COMMAND]", the run is an "and does" behind that.
+    //   platform FOCUS, log, event  (contexts; on one line if nothing happens between them)
+    // A run directly after the log line "Running [COMMAND]" is shown as "and does" at its end.
     std::string transcript;
 
     void Happened(const std::string& what);
@@ -57,7 +57,7 @@ private:
     bool m_isOpening = false; // nothing has happened since the last context opened
 };
 
-// The host that the services act on; made anew by each test.
+// The host that the services act on. Each test resets it.
 extern ScriptedHost g_host;
 
 struct ReleaseStorage
@@ -66,8 +66,8 @@ struct ReleaseStorage
 };
 using Instance = std::unique_ptr<ZnISCSILinuxRedhat, ReleaseStorage>;
 
-// An instance as a host gets it, whatever host the test has set up; leaves no trace in the transcript.
+// Returns an instance as a served host gets it. Does not change g_host.
 Instance MakeInstance();
 
-// `text` with \n, \r, \t, \0 and \\ for these characters, so that it fits on a line.
+// Returns `text` on one line: with \n, \r, \t, \0 and \\ for these characters.
 std::string Escaped(const std::string& text);

@@ -1,16 +1,16 @@
-// The device tree on machines written as data, and on this one.
+// The device tree of machines described in data/device-trees.txt, and of this machine.
 #include "standalone/zndevicetree/SysfsTree.h"
 
 #include "standalone/znlib/Log.h"
+#include "tests/OwnRoot.h"
 
-#include <gmock/gmock.h>
+#include <gmock/gmock-matchers.h>
 
 #include <filesystem>
 #include <fstream>
 #include <optional>
 #include <sstream>
 #include <string>
-#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -31,7 +31,7 @@ public:
     Machine& operator=(const Machine&) = delete;
     ~Machine() { fs::remove_all(m_root); }
 
-    // Takes in what a line of device-trees.txt says.
+    // Adds what a line of device-trees.txt describes.
     void Add(std::istringstream line)
     {
         std::string kind, name, other;
@@ -39,7 +39,7 @@ public:
         const fs::path folder = m_root / "sys/devices" / name;
         if (kind == "link" && line >> other)
             return AddLink(m_root / "dev" / name, other);
-        AddLink(m_root / "sys/class/block" / folder.filename(), folder);
+        AddLink(m_root / "sys/class/block" / folder.filename(), "../../devices/" + name);
         fs::create_directories(folder / (kind == "partition" ? "partition" : "slaves"));
         if (kind == "map" && line >> other && fs::create_directory(folder / "dm"))
             std::ofstream(folder / "dm/name") << other << '\n';
@@ -47,7 +47,7 @@ public:
             AddLink(folder / "slaves" / other, "../../" + other);
     }
 
-    // "DEVICE [CHILDREN] PARENT", "none" for what is not found.
+    // "DEVICE [CHILDREN] PARENT", with "none" for a device that is not found.
     std::string Describe(const char* path) const
     {
         const znhost::SysfsTree tree(m_root / "sys", m_root / "dev");
@@ -60,6 +60,8 @@ public:
         }
         return text + "] " + NameOf(tree.FindWholeDevice(path));
     }
+
+    const fs::path& Root() const { return m_root; }
 
 private:
     static std::string NameOf(const SP<ZnDevice>& device)
@@ -76,9 +78,18 @@ private:
     fs::path m_root = fs::canonical(testing::TempDir()) / ("machine-" + std::to_string(::getpid()));
 };
 
-} // namespace
+class DeviceTree : public testing::Test
+{
+protected:
+    std::vector<std::string> errors;
 
-TEST(DeviceTree, LeadsToTheDisks)
+private:
+    znhost::LogTap m_tap{[](int level, const char*, const char*) { return level < 0; },
+                         [this](const znhost::LogEntry& entry) { errors.push_back(entry.text); }};
+};
+
+// A look-up that finds nothing is not an error, but two look-ups in a loop of devices are.
+TEST_F(DeviceTree, LeadsToTheDisks)
 {
     std::ifstream lines(DATA "device-trees.txt");
     std::optional<Machine> machine(std::in_place);
@@ -91,17 +102,20 @@ TEST(DeviceTree, LeadsToTheDisks)
             continue;
         else if (const std::size_t arrow = line.find(" => "); arrow != std::string::npos)
         {
-            EXPECT_EQ(line.substr(arrow + 4), machine->Describe(line.substr(0, arrow).c_str())) << line;
+            errors.clear();
+            const std::string found = machine->Describe(line.substr(0, arrow).c_str());
+            EXPECT_EQ(found + (errors.size() == 2 ? ", loop" : ""), line.substr(arrow + 4)) << line;
+            EXPECT_THAT(errors, testing::Each(testing::EndsWith(" lies beneath itself")));
             ++answers;
         }
         else
             machine->Add(std::istringstream(line));
     }
-    EXPECT_EQ(47, answers);
-    EXPECT_EQ("none [] none", machine->Describe(nullptr));
+    EXPECT_EQ(answers, 47);
+    EXPECT_EQ(machine->Describe(nullptr), "none [] none");
 }
 
-TEST(DeviceTree, MissesADeviceThatLiesTooDeep)
+TEST_F(DeviceTree, FindsNoDeviceThatIsTooDeep)
 {
     Machine machine;
     machine.Add(std::istringstream("disk sda"));
@@ -109,44 +123,42 @@ TEST(DeviceTree, MissesADeviceThatLiesTooDeep)
     for (int layer = 1; layer <= 64; ++layer)
         machine.Add(std::istringstream("disk layer" + std::to_string(layer) + " layer" +
                                        std::to_string(layer - 1)));
-    EXPECT_EQ("/dev/layer63 [/dev/sda] /dev/layer63", machine.Describe("/dev/layer63"));
-    EXPECT_EQ("none [] none", machine.Describe("/dev/layer64"));
+    EXPECT_EQ(machine.Describe("/dev/layer63"), "/dev/layer63 [/dev/sda] /dev/layer63");
+    EXPECT_THAT(errors, testing::ElementsAre());
+    EXPECT_EQ(machine.Describe("/dev/layer64"), "none [] none");
+    EXPECT_THAT(errors, testing::Each(testing::EndsWith("more than 64 layers of devices")));
 }
 
-TEST(DeviceTree, SaysThatItCannotLook)
+TEST_F(DeviceTree, LogsWhyItCannotLook)
 {
     Machine machine;
     machine.Add(std::istringstream("map dm-0 mpatha"));
-    std::vector<std::string> lines;
-    const znhost::LogTap tap([](int level, const char*, const char*) { return level < 0; },
-                             [&](const znhost::LogEntry& entry) { lines.push_back(entry.text); });
-    EXPECT_EQ("none [] none", machine.Describe("/dev/dm-1"));
-    EXPECT_THAT(lines, testing::IsEmpty());
     rlimit usual{};
     getrlimit(RLIMIT_NOFILE, &usual);
     const rlimit none{0, usual.rlim_max};
     setrlimit(RLIMIT_NOFILE, &none);
-    EXPECT_EQ("none [] none", machine.Describe("/dev/dm-0"));
+    EXPECT_EQ(machine.Describe("/dev/dm-0"), "none [] none");
     setrlimit(RLIMIT_NOFILE, &usual);
-    EXPECT_THAT(lines, testing::Each(testing::AllOf(testing::StartsWith("cannot look up /dev/dm-0: "),
-                                                    testing::EndsWith("Too many open files"))));
-    EXPECT_EQ(lines.size(), 2U);
+    EXPECT_THAT(errors, testing::Each(testing::AllOf(testing::StartsWith("cannot look up /dev/dm-0: "),
+                                                     testing::EndsWith("Too many open files"))));
+    EXPECT_EQ(errors.size(), 2U);
 }
 
-TEST(DeviceTree, KnowsThisMachine)
+TEST_F(DeviceTree, IsTheOneOfThisMachine)
 {
+    Machine machine;
+    machine.Add(std::istringstream("disk sda"));
+    machine.Add(std::istringstream("partition sda/sda1"));
     CHxError error = CHxError::Success();
-    EXPECT_EQ(nullptr, ZnDeviceTree::getDevice(nullptr, &error).get());
-    EXPECT_EQ(nullptr, ZnDeviceTree::getParentDevice("/dev/null", nullptr).get());
-    EXPECT_EQ(nullptr,
-              znhost::SysfsTree("/nonexistent", "/dev").FindDevice("/dev/mapper/mpatha").get());
-    std::error_code noSysfs;
-    for (const fs::directory_entry& disk : fs::directory_iterator("/sys/block", noSysfs))
-    {
-        if (!fs::exists(disk.path() / "slaves"))
-            continue; // a path of a multipath NVMe namespace, hidden by the kernel
-        const std::string path = "/dev/" + disk.path().filename().string();
-        EXPECT_NE(nullptr, ZnDeviceTree::getDevice(path.c_str(), &error).get()) << path;
-        EXPECT_NE(nullptr, ZnDeviceTree::getParentDevice(path.c_str(), nullptr).get()) << path;
-    }
+    EXPECT_EQ(error.getCode(), 0);
+    EXPECT_EQ(ZnDeviceTree::getDevice(nullptr, &error).get(), nullptr);
+    EXPECT_EQ(ZnDeviceTree::getParentDevice("/dev/null", nullptr).get(), nullptr);
+    EXPECT_EQ(znhost::SysfsTree("/nonexistent", "/dev").FindDevice("/dev/mapper/mpatha").get(),
+              nullptr);
+    ExpectInRoot(machine.Root(), [&] {
+        return ZnDeviceTree::getDevice("/dev/sda1", &error)->getName() == "/dev/sda1" &&
+               ZnDeviceTree::getParentDevice("/dev/sda1", nullptr)->getName() == "/dev/sda";
+    });
 }
+
+} // namespace

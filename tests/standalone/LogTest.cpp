@@ -1,4 +1,4 @@
-// The log: one line an entry whatever the text, levels, the size limit, many processes on one file.
+// The log: one line per entry, settings, rotation, many processes with one file.
 
 #include "standalone/znlib/Log.h"
 #include "host/EvDebug.h"
@@ -6,7 +6,7 @@
 #include "host/ZnProcess.h"
 #include "standalone/znlib/Text.h"
 
-#include <gmock/gmock.h>
+#include <gmock/gmock-matchers.h>
 #include <gtest/gtest.h>
 
 #include <array>
@@ -14,7 +14,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -43,6 +42,7 @@ protected:
         ASSERT_NE(mkdtemp(name.data()), nullptr);
         m_folder = name;
         m_file = m_folder / "log";
+        m_older = m_folder / "log.1";
         setenv("ZN_LOG_FILE", m_ownFile.c_str(), 1);
         setenv("ZN_LOG_MAX_SIZE", "0", 1);
     }
@@ -52,10 +52,10 @@ protected:
         fs::remove(m_ownFile);
     }
 
-    // Runs the writer with `environment` ("A=b C=d"), behind the shell's `before`, and answers what it
-    // printed.
+    // Runs the writer with `environment` ("A=b C=d") after the shell commands `before`. Returns its
+    // output.
     std::string Write(const std::string& environment, int level, int count, const std::string& text,
-                      const std::string& before = "") const
+                      const std::string& how = "", const std::string& before = "") const
     {
         std::string quoted;
         for (const char c : text)
@@ -63,7 +63,7 @@ protected:
         const std::string command = before + "env ZN_REGISTRY='" + (m_folder / "registry").string() +
                                     "' ZN_LOG_FILE='" + m_file.string() + "' " + environment +
                                     " " LOG_WRITER " " + std::to_string(level) + ' ' +
-                                    std::to_string(count) + " '" + quoted + '\'';
+                                    std::to_string(count) + " '" + quoted + "' " + how;
         const std::unique_ptr<FILE, int (*)(FILE*)> pipe(
             popen(command.c_str(), "r"), // NOLINT(cert-env33-c)
             &pclose);
@@ -85,11 +85,12 @@ protected:
 
     fs::path m_folder;
     fs::path m_file;
-    // What this process itself writes to, in every test: it reads the settings once.
+    fs::path m_older; // what it is renamed to
+    // The file that this process itself writes to, in every test: it reads the settings once.
     fs::path m_ownFile = fs::temp_directory_path() / ("zniscsi-log-own-" + std::to_string(::getpid()));
 };
 
-TEST(Text, IsPrintableWhateverItHolds)
+TEST(Text, IsEscaped)
 {
     const std::pair<const char*, const char*> rows[] = {
         {"plain 100% %s %n", "plain 100% %s %n"},
@@ -102,8 +103,9 @@ TEST(Text, IsPrintableWhateverItHolds)
         {"cut \xe2\x82", R"(cut \xe2\x82)"},
         {"overlong \xe0\x80\xaf \xf0\x80\x80\xaf", R"(overlong \xe0\x80\xaf \xf0\x80\x80\xaf)"},
         {"surrogate \xed\xa0\x80", R"(surrogate \xed\xa0\x80)"},
-        {"too high \xf4\x90\x80\x80 \xf8\x88\x80\x80\x80",
-         R"(too high \xf4\x90\x80\x80 \xf8\x88\x80\x80\x80)"},
+        {"too high \xf4\x90\x80\x80 \xf9\x80\x80\x80\x80",
+         R"(too high \xf4\x90\x80\x80 \xf9\x80\x80\x80\x80)"},
+        {"not continued \xe2(\xa1", R"(not continued \xe2(\xa1)"},
         {"reordered \xe2\x80\xae \xe2\x81\xa6", R"(reordered \xe2\x80\xae \xe2\x81\xa6)"},
         {"separated \xe2\x80\xa8 \xe2\x80\xa9", R"(separated \xe2\x80\xa8 \xe2\x80\xa9)"},
         {"unseen \xe2\x80\x8b \xef\xbb\xbf \xc2\xad", R"(unseen \xe2\x80\x8b \xef\xbb\xbf \xc2\xad)"},
@@ -112,20 +114,25 @@ TEST(Text, IsPrintableWhateverItHolds)
         EXPECT_EQ(znhost::Printable(text), printable);
 }
 
-TEST_F(Log, WritesOneLineAnEntry)
+TEST_F(Log, WritesOneLinePerEntry)
 {
-    Write("TZ=XXX-05:30", 0, 1, "forged\n2026-01-01 00:00:00.000 +0000 [1:1] 0 Writer: x");
-    std::array<char, 32> today{};
-    const std::time_t shifted = std::time(nullptr) + 5 * 3600 + 30 * 60;
-    std::strftime(today.data(), today.size(), "%Y-%m-%d ", std::gmtime(&shifted));
-    ASSERT_EQ(Lines().size(), 1U);
-    EXPECT_TRUE(std::regex_match(
-        Lines()[0],
-        std::regex(
-            today.data() +
-            std::string(R"(\d\d:\d\d:\d\d\.\d{3} \+0530 \[\d+:\d+\] 0 job=18446744073709551615 )"
-                        R"(Writer: forged\\n2026-01-01 00:00:00.000 \+0000 \[1:1\] 0 Writer: x)"))))
-        << Lines()[0];
+    const std::pair<const char*, std::array<const char*, 2>> rows[] = {
+        {"CLOCK=1767205799 TZ=XXX-05:30",
+         {"2025-12-31 23:59:59.007 \\+0530", "2026-01-01 00:00:00.007 \\+0530"}},
+        {"CLOCK=1709182799 TZ=YYY03:30",
+         {"2024-02-29 01:29:59.007 -0330", "2024-02-29 01:30:00.007 -0330"}}};
+    for (const auto& [environment, times] : rows)
+    {
+        fs::remove(m_file);
+        Write(environment, 0, 2, "forged\n2026-01-01 00:00:00.000 +0000 [1:1] 0 Writer: x");
+        ASSERT_EQ(Lines().size(), 2U);
+        for (std::size_t i = 0; i < times.size(); ++i)
+            EXPECT_TRUE(std::regex_match(
+                Lines()[i], std::regex(std::string(times.at(i)) +
+                                       R"( \[\d+:\d+\] 0 job=18446744073709551615 Writer: forged\\n)"
+                                       R"(2026-01-01 00:00:00.000 \+0000 \[1:1\] 0 Writer: x)")))
+                << Lines()[i];
+    }
 }
 
 TEST_F(Log, SettingsComeFromTheRegistryAndTheEnvironment)
@@ -139,7 +146,7 @@ TEST_F(Log, SettingsComeFromTheRegistryAndTheEnvironment)
         const char* trouble;     // a part of it
     };
     for (const Row& row :
-         {Row{"usual", "", "", {true, true, false, false}, ""},
+         {Row{"default", "", "", {true, true, false, false}, ""},
           Row{"registry", "[Log]\nLevel = 2\n", "", {true, true, true, true}, ""},
           Row{"environment wins",
               "[Log]\nLevel = 2\n",
@@ -151,7 +158,9 @@ TEST_F(Log, SettingsComeFromTheRegistryAndTheEnvironment)
               "ZN_LOG_LEVEL=loud",
               {true, true, false, false},
               "level cannot be \"loud\""},
-          Row{"out of range", "[Log]\nLevel = 3\n", "", {true, true, false, false}, "from -1 to 2"},
+          Row{"too high", "[Log]\nLevel = 3\n", "", {true, true, false, false}, "from -1 to 2"},
+          Row{"too low", "[Log]\nLevel = -2\n", "", {true, true, false, false}, "from -1 to 2"},
+          Row{"empty variable", "[Log]\nLevel = 1\n", "ZN_LOG_LEVEL=", {true, true, true, false}, ""},
           Row{"broken registry", "[Log\n", "", {true, true, false, false}, "registry"}})
     {
         std::ofstream(m_folder / "registry") << row.registry;
@@ -166,14 +175,40 @@ TEST_F(Log, SettingsComeFromTheRegistryAndTheEnvironment)
     }
 }
 
-TEST_F(Log, IsSetAsideBeforeItGrowsPastItsLimit)
+TEST_F(Log, IsSetAsideBeforeItExceedsItsLimit)
 {
-    const std::string text(1000, 'x');
-    Write("ZN_LOG_MAX_SIZE=10000", 0, 15, text);
-    EXPECT_LE(fs::file_size(m_file), 10000U);
-    EXPECT_LE(fs::file_size(m_file.string() + ".1"), 10000U);
-    EXPECT_EQ(Lines().size() + Lines(m_file.string() + ".1").size(), 15U);
+    for (const char* const how : {"", "kept 2>&1"})
+    {
+        fs::remove(m_file);
+        Write("ZN_LOG_MAX_SIZE=10000", 0, 15, std::string(1000, 'x'), how);
+        EXPECT_LE(fs::file_size(m_file), 10000U) << how;
+        EXPECT_LE(fs::file_size(m_older), 10000U) << how;
+        EXPECT_EQ(Lines().size() + Lines(m_older).size(), 15U) << how;
+    }
     EXPECT_EQ(fs::status(m_file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+}
+
+TEST_F(Log, IsSetAsideOnceByTwoProcesses)
+{
+    Write("ZN_LOG_MAX_SIZE=1", 0, 1, "first");
+    EXPECT_FALSE(fs::exists(m_older)) << "an empty file was set aside";
+    EXPECT_EQ(Write("ZN_LOG_MAX_SIZE=1", 0, 1, "second", "rotated"), "\n");
+    EXPECT_THAT(Lines(m_older), testing::ElementsAre(testing::EndsWith("first")));
+    EXPECT_THAT(Lines(), testing::ElementsAre("theirs", testing::EndsWith("second")));
+    EXPECT_EQ(Write("ZN_LOG_MAX_SIZE=1", 0, 1, "third", "moved"), "\n");
+    EXPECT_THAT(Lines(), testing::ElementsAre(testing::EndsWith("third")));
+}
+
+TEST_F(Log, GrowsIfItCannotBeSetAside)
+{
+    Write("", 0, 1, "x");
+    const int holder = open(m_file.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(flock(holder, LOCK_EX), 0);
+    EXPECT_EQ(Write("ZN_LOG_MAX_SIZE=1", 0, 1, "another process has the lock"), "\n");
+    close(holder);
+    fs::create_directory(m_older);
+    EXPECT_THAT(Write("ZN_LOG_MAX_SIZE=1", 0, 1, "x"), testing::EndsWith("Is a directory\n"));
+    EXPECT_EQ(Lines().size(), 3U);
 }
 
 TEST_F(Log, ManyProcessesWriteOneFile)
@@ -187,7 +222,7 @@ TEST_F(Log, ManyProcessesWriteOneFile)
     for (std::thread& writer : writers)
         writer.join();
     std::vector<std::string> lines = Lines();
-    const std::vector<std::string> older = Lines(m_file.string() + ".1");
+    const std::vector<std::string> older = Lines(m_older);
     EXPECT_FALSE(older.empty());
     lines.insert(lines.end(), older.begin(), older.end());
     EXPECT_EQ(lines.size(), kWriters * kLines);
@@ -196,25 +231,16 @@ TEST_F(Log, ManyProcessesWriteOneFile)
             << line;
 }
 
-TEST_F(Log, GoesOnGrowingWhileAnotherProcessHoldsTheLock)
-{
-    Write("", 0, 1, "x");
-    const int holder = open(m_file.c_str(), O_RDONLY | O_CLOEXEC);
-    ASSERT_EQ(flock(holder, LOCK_EX), 0);
-    Write("ZN_LOG_MAX_SIZE=1", 0, 2, "y");
-    close(holder);
-    EXPECT_EQ(Lines().size(), 3U);
-}
-
-TEST_F(Log, FollowsLinksOfRootAndItsOwnUserAlone)
+TEST_F(Log, FollowsLinksOfRootAndItsOwnUserOnly)
 {
     const fs::path link = m_folder / "link";
-    fs::create_symlink("log", link);
+    fs::create_symlink("second", link);
+    fs::create_symlink(m_file, m_folder / "second");
     const std::string environment = "ZN_LOG_FILE='" + link.string() + "' ZN_LOG_MAX_SIZE=1";
     EXPECT_EQ(Write(environment, 0, 2, "x"), "\n");
     EXPECT_TRUE(fs::is_symlink(link));
     EXPECT_EQ(Lines().size(), 1U);
-    EXPECT_EQ(Lines(m_file.string() + ".1").size(), 1U);
+    EXPECT_EQ(Lines(m_older).size(), 1U);
 
     if (lchown(link.c_str(), 65534, 65534) != 0)
         GTEST_SKIP() << "only root can make a link of another user";
@@ -222,26 +248,31 @@ TEST_F(Log, FollowsLinksOfRootAndItsOwnUserAlone)
     EXPECT_EQ(Lines().size(), 1U);
 }
 
-TEST_F(Log, SaysWhatKeepsLinesFromIt)
+TEST_F(Log, TellsWhyLinesAreLost)
 {
     const std::pair<const char*, const char*> rows[] = {
-        {"ZN_LOG_FILE=/dev/full", "/dev/full: No space left on device\n"},
-        {"ZN_LOG_FILE=/no/such/log", "/no/such/log: No such file or directory\n"},
-        {"ZN_LOG_FILE=unread", "unread: No such device or address\n"}, // a FIFO
-        {"ZN_LOG_FILE=-", "-: Broken pipe\n"}};
-    // Standard error is a pipe that nobody reads.
-    const std::string before =
-        "cd '" + m_folder.string() +
-        "' && mkfifo -m 600 p && exec 3<>p 2>p 3<&- && rm p && mkfifo unread && ";
-    for (const auto& [environment, reason] : rows)
-    {
-        EXPECT_EQ(Write(environment, 0, 1, "x", before), std::string("cannot write the log ") + reason);
-        fs::remove(m_folder / "unread");
-    }
-    EXPECT_EQ(Write("ZN_LOG_FILE=/no/such/log", 1, 1, "x"), "\n") << "a dropped line touches nothing";
+        {"/dev/full", "No space left on device"},
+        {"/no/such/log", "No such file or directory"},
+        {"fifo", "No such device or address"}, // without a reader
+        {"circle", "a symbolic link there is another user's, or leads round in a circle"},
+        {"/dev/stderr", "No such device or address"},
+        {"-", "Broken pipe"}};
+    // Standard error is a pipe without a reader.
+    const std::string before = "cd '" + m_folder.string() +
+                               "' && rm -f fifo && mkfifo -m 600 pipe fifo && ln -sf circle circle && "
+                               "exec 3<>pipe 2>pipe 3<&- && rm pipe && ";
+    for (const auto& [file, reason] : rows)
+        for (const int level : {0, -1})
+            EXPECT_EQ(Write(std::string("ZN_LOG_FILE=") + file, level, 1, "x", "", before),
+                      std::string("cannot write the log ") + file + ": " + reason + '\n');
+    EXPECT_THAT(Write("ZN_LOG_FILE=-", 0, 1, "x", "kept 2>&1"),
+                testing::EndsWith("Writer: x\nstill open\n\n"));
+    EXPECT_EQ(Write("ZN_LOG_FILE=/no/such/log", 1, 1, "x"), "\n") << "a dropped line was written";
+    EXPECT_THAT(Write("ZN_LOG_FILE=" + std::string(5000, 'x'), 1, 1, "x"),
+                testing::EndsWith("the name is too long\n"));
 }
 
-TEST_F(Log, IsWholeBeforeAnybodyWaits)
+TEST_F(Log, IsWrittenBeforeTheHostWaits)
 {
     const std::pair<const char*, std::function<void(EvEvent&)>> rows[] = {
         {"an error", [](EvEvent& log) { log.DebugLvl("T", -1, "error"); }},
@@ -261,9 +292,9 @@ TEST_F(Log, IsWholeBeforeAnybodyWaits)
     {
         {
             const EvEvent outer;
+            EvEvent().DebugLvl("T", 0, "before %s", name);
             EvEvent log;
-            log.DebugLvl("T", 0, "before %s", name);
-            EXPECT_EQ(Lines(m_ownFile).size(), 0U) << "nothing is kept";
+            EXPECT_EQ(Lines(m_ownFile).size(), 0U) << "the line was not buffered";
             if (wait)
                 wait(log);
             EXPECT_EQ(Lines(m_ownFile).empty(), !wait) << name;
@@ -289,7 +320,7 @@ TEST_F(Log, AnyForkedChildMayWrite)
         const pid_t pid = fork();
         if (pid == 0)
         {
-            alarm(60); // ends a child that waits for a lock
+            alarm(60); // ends a child that blocks
             log.DebugLvl("T", 0, "child %d", child);
             znhost::FlushLog();
             _exit(0);
@@ -310,7 +341,7 @@ TEST_F(Log, AnyForkedChildMayWrite)
         100);
 }
 
-TEST_F(Log, DoesNotGoOnInALineThatWasCutShort)
+TEST_F(Log, BeginsALineAfterATruncatedOne)
 {
     ASSERT_NE(std::signal(SIGXFSZ, SIG_IGN), SIG_ERR);
     rlimit usual{};
@@ -333,7 +364,7 @@ auto UpTo(int highest)
     return [highest](int level, const char*, const char*) { return level <= highest; };
 }
 
-TEST_F(Log, TapsHearTheirThreadAlone)
+TEST_F(Log, TapsHearTheirThreadOnly)
 {
     EvEvent log;
     std::vector<std::string> outer;
@@ -344,12 +375,15 @@ TEST_F(Log, TapsHearTheirThreadAlone)
         const znhost::LogTap innerTap(
             UpTo(2), [&](const znhost::LogEntry& entry) { inner.push_back(entry.text); });
         log.DebugLvl("T", 2, "%s", "raw\ntext");
+        for (const std::size_t size : {511U, 512U}) // of the buffer for short texts, and one more
+            log.DebugLvl("T", 2, "%s", std::string(size, 'x').c_str());
         log.Debug("T", "no level");
         std::thread([] { EvEvent().DebugLvl("T", -1, "another thread"); }).join();
     }
     log.DebugLvl("T", 0, "dropped");
     log.DebugLvl("T", -1, 5LL, "error %d", 7);
-    EXPECT_THAT(inner, testing::ElementsAre("raw\ntext", "no level"));
+    EXPECT_THAT(inner, testing::ElementsAre("raw\ntext", std::string(511, 'x'), std::string(512, 'x'),
+                                            "no level"));
     EXPECT_THAT(outer, testing::ElementsAre("error 7"));
 }
 

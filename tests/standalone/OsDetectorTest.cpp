@@ -1,10 +1,11 @@
-// The detector on the release files of many systems, and on this one.
+// The detector: release files of many systems, and those of this one.
 #include "standalone/znlib/OsDetector.h"
 #include "host/OSType.h"
 #include "standalone/znlib/Log.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -20,32 +21,31 @@ TEST(OsDetector, ReadsReleaseFiles)
 {
     const fs::path root = testing::TempDir() + "os-" + std::to_string(::getpid());
     std::ifstream lines(DATA "os-releases.txt");
-    std::ofstream file;
     int systems = 0;
     for (std::string line; std::getline(lines, line);)
     {
-        if (line.rfind("--- ", 0) == 0)
+        if (line.front() == '#')
+            continue;
+        const std::size_t arrow = line.find("=> ");
+        std::string files = line.substr(0, arrow);
+        while (!files.empty())
         {
-            const fs::path path = root / line.substr(4);
+            const std::size_t colon = files.find(": ");
+            const std::size_t end = std::min(files.find(" + "), files.size() - 1);
+            std::string text = files.substr(colon + 2, end - colon - 2);
+            std::replace(text.begin(), text.end(), '|', '\n');
+            const fs::path path = root / files.substr(0, colon);
             fs::create_directories(path.parent_path());
-            file = std::ofstream(path);
+            std::ofstream(path) << text << '\n';
+            files.erase(0, end + 3);
         }
-        else if (line.rfind("=> ", 0) == 0)
-        {
-            file.close();
-            const auto system = znhost::ReadOperatingSystem(root);
-            const std::string found =
-                std::to_string(system.family) + ' ' + std::to_string(system.release);
-            EXPECT_EQ("=> " + found, line.substr(0, line.find(','))) << line;
-            fs::remove_all(root);
-            ++systems;
-        }
-        else
-        {
-            file << line << '\n';
-        }
+        const auto system = znhost::ReadOperatingSystem(root);
+        const std::string found = std::to_string(system.family) + ' ' + std::to_string(system.release);
+        EXPECT_EQ("=> " + found, line.substr(arrow, line.find(',', arrow) - arrow)) << line;
+        fs::remove_all(root);
+        ++systems;
     }
-    EXPECT_EQ(19, systems);
+    EXPECT_EQ(systems, 18);
 }
 
 TEST(OsDetector, FillsTheGlobalsForManyThreads)
@@ -55,8 +55,8 @@ TEST(OsDetector, FillsTheGlobalsForManyThreads)
         for (int call = 0; call < 50; ++call)
         {
             detectOSType();
-            EXPECT_EQ(system.family, g_iOsType);
-            EXPECT_EQ(system.release, g_iOsVersion);
+            EXPECT_EQ(g_iOsType, system.family);
+            EXPECT_EQ(g_iOsVersion, system.release);
         }
     };
     std::thread other(detect);
@@ -64,7 +64,7 @@ TEST(OsDetector, FillsTheGlobalsForManyThreads)
     other.join();
 }
 
-TEST(OsDetector, KeepsWhatItKnewWhenItCannotLook)
+TEST(OsDetector, KeepsItsValuesIfItCannotLook)
 {
     const fs::path root = testing::TempDir() + "os-" + std::to_string(::getpid());
     fs::create_directories(root / "etc/os-release");
@@ -82,7 +82,7 @@ TEST(OsDetector, KeepsWhatItKnewWhenItCannotLook)
     setrlimit(RLIMIT_NOFILE, &none);
     detectOSType();
     setrlimit(RLIMIT_NOFILE, &usual);
-    EXPECT_EQ(1, g_iOsType);
-    EXPECT_EQ(99, g_iOsVersion);
-    EXPECT_EQ(0U, said.find("cannot read /etc/os-release: Too many open files")) << said;
+    EXPECT_EQ(g_iOsType, 1);
+    EXPECT_EQ(g_iOsVersion, 99);
+    EXPECT_EQ(said.find("cannot read /etc/os-release: Too many open files"), 0U) << said;
 }

@@ -1,23 +1,26 @@
-// The registry on files of every kind. This program is the host's log, too, and keeps what is written.
+// The registry with files of every kind. This program defines the host's log, and records its lines.
 #include "standalone/znlib/Registry.h"
 #include "host/EvDebug.h"
 #include "host/ZNPlatformInfo.h"
 #include "standalone/znlib/Text.h"
 
-#include <gmock/gmock.h>
+#include <gmock/gmock-matchers.h>
 
 #include <array>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 namespace
 {
@@ -27,10 +30,10 @@ std::vector<std::string> g_log;
 void Use(const std::string& file)
 {
     g_log.clear();
-    ASSERT_EQ(0, ::setenv("ZN_REGISTRY", file.c_str(), 1));
+    ASSERT_EQ(::setenv("ZN_REGISTRY", file.c_str(), 1), 0);
 }
 
-// The value of `key`, or "none", which stands there before the read.
+// The value of `key`, or "none", which the buffer contains before the read.
 std::string ReadString(const std::string& section, const std::string& key)
 {
     std::array<char, 128> buffer = {"none"};
@@ -40,7 +43,7 @@ std::string ReadString(const std::string& section, const std::string& key)
     return buffer.data();
 }
 
-// The value of `key` in [numbers], or -77, which stands there before the read.
+// The value of `key` in [numbers], or -77, its value before the read.
 int ReadInt(const char* key)
 {
     int value = -77;
@@ -58,8 +61,8 @@ EvEvent::~EvEvent() = default;
 
 void EvDebug::DebugLvl(const char* tag, int level, const char* format, ...)
 {
-    EXPECT_EQ(nullptr, m_instance);
-    EXPECT_STREQ("%s", format);
+    EXPECT_EQ(m_instance, nullptr);
+    EXPECT_STREQ(format, "%s");
     va_list arguments;
     va_start(arguments, format);
     g_log.push_back(std::string(tag) + ' ' + std::to_string(level) + ' ' +
@@ -83,15 +86,15 @@ TEST(Registry, FindsStrings)
                                                         {"volumekey", "none"},
                                                         {"longest", std::string(127, 'x')}};
     for (const auto& [key, value] : rows)
-        EXPECT_EQ(value, ReadString("~iStoreNode", key)) << key;
-    EXPECT_EQ("none", ReadString("iStoreNode", "VolumeKey"));
-    EXPECT_EQ("long", ReadString(longName, "key"));
-    EXPECT_EQ("~iStoreNode", ZNPlatformInfo().getSectionName("iStoreNode", nullptr));
-    EXPECT_EQ("sub", ReadString(ZNPlatformInfo().getSectionName("iStoreNode", "inst1"), "VolumeKey"));
-    EXPECT_THAT(g_log, IsEmpty());
+        EXPECT_EQ(ReadString("~iStoreNode", key), value) << key;
+    EXPECT_EQ(ReadString("iStoreNode", "VolumeKey"), "none");
+    EXPECT_EQ(ReadString(longName, "key"), "long");
+    EXPECT_EQ(ZNPlatformInfo().getSectionName("iStoreNode", nullptr), "~iStoreNode");
+    EXPECT_EQ(ReadString(ZNPlatformInfo().getSectionName("iStoreNode", "inst1"), "VolumeKey"), "sub");
+    EXPECT_THAT(g_log, ElementsAre());
 
-    EXPECT_EQ("none", ReadString("~iStoreNode", longName));
-    EXPECT_EQ(0, ZNPlatformInfo().getString("~iStoreNode", "half", nullptr, -1));
+    EXPECT_EQ(ReadString("~iStoreNode", longName), "none");
+    EXPECT_EQ(ZNPlatformInfo().getString("~iStoreNode", "half", nullptr, -1), 0);
     EXPECT_THAT(g_log,
                 ElementsAre("ZNPlatformInfo::getString -1 cannot use [~iStoreNode] " + longName +
                                 " of " DATA "registry.ini: 128 bytes do not fit into 128 with the "
@@ -106,40 +109,49 @@ TEST(Registry, FindsNumbers)
         {"zero", 0},          {"negative", -3},    {"signed", 7},  {"zeros", 7},    {"quoted", 8},
         {"highest", INT_MAX}, {"lowest", INT_MIN}, {"empty", -77}, {"missing", -77}};
     for (const auto& [key, number] : rows)
-        EXPECT_EQ(number, ReadInt(key)) << key;
-    EXPECT_THAT(g_log, IsEmpty());
+        EXPECT_EQ(ReadInt(key), number) << key;
+    EXPECT_THAT(g_log, ElementsAre());
 
     for (const char* const text : {"", "0x10", "5s", "5 6", "1.5", "+-5", "--5", "+", "-", " 5",
                                    "2147483648", "-2147483649", "99999999999999999999"})
-        EXPECT_EQ(std::nullopt, znhost::ParseNumber<int>(text)) << text;
-    EXPECT_EQ(std::nullopt, znhost::ParseNumber<unsigned>("-1"));
+        EXPECT_EQ(znhost::ParseNumber<int>(text), std::nullopt) << text;
+    EXPECT_EQ(znhost::ParseNumber<unsigned>("-1"), std::nullopt);
 }
 
-TEST(Registry, TellsWhyANumberOrAFileIsOfNoUse)
+TEST(Registry, TellsWhyANumberOrAFileIsNotUsed)
 {
+    const std::string large = testing::TempDir() + "large-" + std::to_string(::getpid());
+    std::ofstream(large) << '#' << std::string(1 << 20, 'x');
     const std::pair<std::string, const char*> rows[] = {
         {DATA "registry-number.ini",
          "cannot use [numbers] key of FILE: \"5s\" is not a decimal number of 32 bits"},
         {DATA "registry-broken.ini", "cannot read FILE: line 3: '=' character not found in line"},
         {DATA, "cannot read FILE: Is a directory"},
-        {"/dev/zero", "cannot read FILE: longer than 1048576 bytes"},
+        {large, "cannot read FILE: longer than 1048576 bytes"},
         {"/proc/self/cmdline", "cannot read FILE: not a text file"},
         {std::string(300, 'n'), "cannot read FILE: File name too long"}};
     for (auto [file, reason] : rows)
     {
         Use(file);
-        EXPECT_EQ(-77, ReadInt("key"));
+        EXPECT_EQ(ReadInt("key"), -77);
         const std::string expected = std::string("ZNPlatformInfo::getRegInt -1 ") + reason;
         EXPECT_THAT(g_log, ElementsAre(std::string(expected).replace(expected.find("FILE"), 4, file)));
     }
+    ::unlink(large.c_str());
     std::string error;
-    EXPECT_EQ(std::nullopt, znhost::ReadRegistryValue("Log", "File", error));
+    EXPECT_EQ(znhost::ReadRegistryValue("Log", "File", error), std::nullopt);
     EXPECT_THAT(error, HasSubstr("File name too long"));
 
-    for (const char* const file : {DATA "missing.ini", DATA "registry.ini/x", "/dev/null"})
+    const std::string fifo = testing::TempDir() + "registry-" + std::to_string(::getpid());
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    for (const std::string& file :
+         {std::string(DATA "missing.ini"), std::string(DATA "registry.ini/x"), fifo})
     {
         Use(file);
-        EXPECT_EQ(std::nullopt, znhost::ReadRegistryValue("Log", "File", error));
-        EXPECT_EQ("", error) << file;
+        EXPECT_EQ(znhost::ReadRegistryValue("Log", "File", error), std::nullopt);
+        EXPECT_EQ(error, "") << file;
     }
+    ::unlink(fifo.c_str());
+    Use("");
+    EXPECT_EQ(znhost::RegistryFile(), "/etc/zniscsi/registry.ini");
 }

@@ -1,4 +1,4 @@
-// The tool that the process runner's tests run. Its first argument says what it does.
+// The tool that the tests of the process runner run. The first argument is its action.
 #include <dirent.h>
 #include <poll.h>
 #include <unistd.h>
@@ -37,7 +37,8 @@ void WriteAll(int descriptor, const std::string& text)
 }
 
 // BLOCKS STATUS [hold|write]: writes that many blocks of 64 KiB on each stream and ends with the
-// status. Leaves a daemon that holds the streams, or writes on, as long as somebody reads.
+// status. With a third argument it leaves a daemon that holds the streams open, or writes, as long as
+// they have a reader.
 int Flood(const Arguments& arguments)
 {
     const std::string daemon = arguments.size() > 2 ? arguments[2] : "";
@@ -57,12 +58,13 @@ int Flood(const Arguments& arguments)
     return std::stoi(arguments[1]);
 }
 
-// Prints what this process was given: input, descriptors, signals, locale.
+// Prints what this process inherited: input, descriptors, signals, locale.
 int State(const Arguments& /*none*/)
 {
-    std::string line;
+    char byte = 0;
     std::cout << "input " << std::filesystem::read_symlink("/proc/self/fd/0").string()
-              << (std::getline(std::cin, line) ? " with text" : " at its end") << "\ndescriptors";
+              << (read(STDIN_FILENO, &byte, 1) == 0 ? " at its end" : " not at its end")
+              << "\ndescriptors";
     DIR* const folder = opendir("/proc/self/fd");
     std::set<std::string> descriptors;
     while (const dirent* entry = readdir(folder))
@@ -72,7 +74,8 @@ int State(const Arguments& /*none*/)
     for (const std::string& descriptor : descriptors)
         std::cout << ' ' << descriptor;
     std::cout << '\n';
-    for (std::ifstream status("/proc/self/status"); std::getline(status, line);)
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
     {
         if (line.rfind("SigBlk", 0) == 0 || line.rfind("SigIgn", 0) == 0)
             std::cout << line << '\n';
