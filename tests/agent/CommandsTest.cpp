@@ -39,6 +39,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <termios.h>
 #include <unistd.h>
 
 namespace
@@ -291,9 +292,8 @@ public:
         if (m_terminal < 0 || grantpt(m_terminal) != 0 || unlockpt(m_terminal) != 0 ||
             ioctl(m_terminal, TIOCSWINSZ, &size) != 0)
             return;
-        const int side = open(ptsname(m_terminal), O_RDWR | O_NOCTTY);
-        dup2(side, STDERR_FILENO);
-        close(side);
+        m_side = open(ptsname(m_terminal), O_RDWR | O_NOCTTY);
+        dup2(m_side, STDERR_FILENO);
     }
     Screen(const Screen&) = delete;
     Screen& operator=(const Screen&) = delete;
@@ -302,9 +302,12 @@ public:
         EraseStatusLine();
         sigprocmask(SIG_UNBLOCK, &m_clock, nullptr);
         dup2(m_usual, STDERR_FILENO);
-        close(m_usual);
-        close(m_terminal);
+        for (const int descriptor : {m_usual, m_terminal, m_side})
+            close(descriptor);
     }
+
+    // The terminal, as the program has it.
+    int Side() const { return m_side; }
 
     // What has been written since the last call. The kernel delivers it late: a mark follows it.
     std::string Read() const
@@ -321,6 +324,7 @@ private:
     sigset_t m_clock{};
     int m_usual = dup(STDERR_FILENO);
     int m_terminal;
+    int m_side = -1;
 };
 
 TEST(StatusLine, FitsOnTheScreen)
@@ -402,6 +406,24 @@ TEST(Signals, KeepTheirHandlers)
         _exit(isRight ? 0 : 1);
     };
     EXPECT_EXIT(exit(), testing::ExitedWithCode(0), "");
+}
+
+TEST(Signals, TurnTheEchoOn)
+{
+    const Screen screen(80);
+    const auto hasEcho = [&screen] {
+        termios settings{};
+        return tcgetattr(screen.Side(), &settings) == 0 && (settings.c_lflag & ECHO) != 0;
+    };
+    const auto exit = [&] {
+        dup2(screen.Side(), STDIN_FILENO);
+        RestoreTerminalOnSignals();
+        const HiddenPrompt prompt("secret: ");
+        if (!hasEcho())
+            static_cast<void>(std::raise(SIGTERM));
+    };
+    EXPECT_EXIT(exit(), testing::KilledBySignal(SIGTERM), "");
+    EXPECT_TRUE(hasEcho());
 }
 
 // A pipe from which `text` can be read.
