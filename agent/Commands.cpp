@@ -379,8 +379,7 @@ std::optional<TargetOfDevice> FindTargetOf(LibraryCall& call, const std::vector<
 {
     const std::string& device = call.request.device;
     const std::string sentence = "cannot find the target of " + device;
-    // If the log has errors, the device tree could not look.
-    if (FindDisksBeneath(device).empty() && call.watch.Errors().empty())
+    if (FindDisksBeneath(device).empty())
         call.Fail(Cause::NoDevice, {sentence, "there is no block device " + device});
     std::set<std::string> iqns;
     for (const Path& path : paths)

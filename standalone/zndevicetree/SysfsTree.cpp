@@ -1,10 +1,8 @@
 #include "standalone/zndevicetree/SysfsTree.h"
 
-#include "host/EvDebug.h"
 #include "standalone/znlib/TextFile.h"
 
 #include <algorithm>
-#include <exception>
 #include <list>
 #include <map>
 #include <set>
@@ -54,7 +52,7 @@ fs::path WholeDevice(const fs::path& device)
 {
     if (!fs::exists(device / "partition"))
         return device;
-    // A partition's folder stands in its disk's: .../block/sdb/sdb1.
+    // The folder of a partition is in that of its disk: .../block/sdb/sdb1.
     return device.parent_path() / fs::canonical(device).parent_path().filename();
 }
 
@@ -126,14 +124,14 @@ bool IsMiss(const std::error_code& error)
            error == errc::too_many_symbolic_link_levels;
 }
 
-void LogFailure(const char* path, const std::string& reason)
+std::runtime_error Failure(const char* path, const std::string& reason)
 {
-    EvEvent().DebugLvl("ZnDeviceTree", -1, "cannot look up %s: %s", path, reason.c_str());
+    return std::runtime_error(std::string("cannot look up ") + path + ": " + reason);
 }
 
-// A device may vanish at any moment of a look-up: that is a miss. Any other error is logged.
+// A device may vanish at any moment of a look-up: that is a miss.
 template <class LookUp>
-SP<ZnDevice> EmptyIfItThrows(const char* path, const LookUp& lookUp)
+SP<ZnDevice> EmptyIfItMisses(const char* path, const LookUp& lookUp)
 {
     if (path == nullptr)
         return {};
@@ -143,14 +141,14 @@ SP<ZnDevice> EmptyIfItThrows(const char* path, const LookUp& lookUp)
     }
     catch (const fs::filesystem_error& error)
     {
-        if (!IsMiss(error.code()))
-            LogFailure(path, error.path1().string() + ": " + error.code().message());
+        if (IsMiss(error.code()))
+            return {};
+        throw Failure(path, error.path1().string() + ": " + error.code().message());
     }
-    catch (const std::exception& error)
+    catch (const std::runtime_error& error)
     {
-        LogFailure(path, error.what());
+        throw Failure(path, error.what());
     }
-    return {};
 }
 
 } // namespace
@@ -165,18 +163,20 @@ SysfsTree::SysfsTree(const fs::path& sysfs, fs::path dev)
 
 SP<ZnDevice> SysfsTree::FindDevice(const char* path) const
 {
-    return EmptyIfItThrows(path, [&] { return MakeDevice(Entry(path)); });
+    return EmptyIfItMisses(path, [&] { return MakeDevice(Entry(path)); });
 }
 
 SP<ZnDevice> SysfsTree::FindWholeDevice(const char* path) const
 {
-    return EmptyIfItThrows(path, [&] { return MakeDevice(WholeDevice(Entry(path))); });
+    return EmptyIfItMisses(path, [&] { return MakeDevice(WholeDevice(Entry(path))); });
 }
 
 // Follows symbolic links from `path` to a device.
 fs::path SysfsTree::Entry(const char* path) const
 {
     constexpr int kMaxLinks = 40; // as for the kernel
+    if (!fs::exists(m_block))
+        throw std::runtime_error(m_block.string() + " is missing: sysfs is not mounted");
     fs::path place = path;
     for (int links = 0; links <= kMaxLinks; ++links)
     {

@@ -25,9 +25,9 @@ public:
     // ends at one of these. sysfs decides what exists: device nodes are neither needed nor read, so a
     // node outside `dev` (/chroot/dev/sdb) names no device.
     //
-    // Empty if `path` is null or names no device, or if a device vanishes during the look-up. Also
-    // empty, with a reason in the log, if sysfs cannot be read, or if devices are stacked in a loop or
-    // too deep. Throws std::bad_alloc only.
+    // Empty if `path` is null or names no device, or if a device vanishes during the look-up. Throws
+    // std::runtime_error, with a sentence for the log, if sysfs cannot be read, or if devices are
+    // stacked in a loop or too deep.
     SP<ZnDevice> FindDevice(const char* path) const;
 
     // Returns the whole device of the one that `path` names: the disk of a partition, any other device

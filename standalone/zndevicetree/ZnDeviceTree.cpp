@@ -1,15 +1,24 @@
 #include "host/ZnDeviceTree.h"
 
+#include "host/EvDebug.h"
 #include "standalone/zndevicetree/SysfsTree.h"
 
+#include <stdexcept>
 #include <utility>
 
 namespace
 {
 
-znhost::SysfsTree ThisMachine()
+// Hosts recognise a failure by an empty pointer; the log has the reason.
+SP<ZnDevice> LookUp(SP<ZnDevice> (znhost::SysfsTree::*find)(const char*) const, const char* path)
+try
 {
-    return {"/sys", "/dev"};
+    return (znhost::SysfsTree("/sys", "/dev").*find)(path);
+}
+catch (const std::runtime_error& error)
+{
+    EvEvent().DebugLvl("ZnDeviceTree", -1, "%s", error.what());
+    return {};
 }
 
 } // namespace
@@ -34,10 +43,10 @@ std::list<SP<ZnDevice>> ZnDevice::getChildren()
 // The error object is not used: only its own library can set a code.
 SP<ZnDevice> ZnDeviceTree::getDevice(const char* path, CHxError* /*error*/)
 {
-    return ThisMachine().FindDevice(path);
+    return LookUp(&znhost::SysfsTree::FindDevice, path);
 }
 
 SP<ZnDevice> ZnDeviceTree::getParentDevice(const char* path, CHxError* /*error*/)
 {
-    return ThisMachine().FindWholeDevice(path);
+    return LookUp(&znhost::SysfsTree::FindWholeDevice, path);
 }
