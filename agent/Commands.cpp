@@ -113,8 +113,8 @@ struct Node
 RecordLock LockRecord(const PortalMatcher& portal, const Request& request)
 {
     RecordLock lock(portal, request.iqn);
-    if (request.verbosity > 0 && !lock.Trouble().empty())
-        PrintError("note: other agents are not kept out: " + lock.Trouble());
+    if (request.verbosity > 0 && !lock.Error().empty())
+        PrintError("note: other agents are not kept out: " + lock.Error());
     return lock;
 }
 

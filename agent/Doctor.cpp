@@ -145,7 +145,7 @@ Finding CheckUser()
             Cause::ToolFailed};
 }
 
-std::string RegistryTrouble()
+std::string RegistryError()
 {
     std::string error;
     znhost::ReadRegistryValue("Log", "File", error);
@@ -155,7 +155,7 @@ std::string RegistryTrouble()
 Finding CheckRegistry()
 {
     const std::string file = znhost::RegistryFile();
-    if (const std::string error = RegistryTrouble(); !error.empty())
+    if (const std::string error = RegistryError(); !error.empty())
         return {error, "Correct it, or name another file in ZN_REGISTRY.", Cause::ToolFailed};
     return {file + (Exists(file) ? "" : " (not there: the defaults are used)")};
 }
@@ -164,12 +164,12 @@ Finding CheckRegistry()
 Finding CheckLog()
 {
     const znhost::LogSettings& settings = znhost::CurrentLogSettings();
-    if (const std::string fault = settings.fault; !fault.empty() && fault != RegistryTrouble())
+    if (const std::string fault = settings.fault; !fault.empty() && fault != RegistryError())
         return {fault, "Correct the setting, in the environment (ZN_LOG_...) or the registry.",
                 Cause::ToolFailed};
     EvEvent().DebugLvl("zniscsi", std::min(0, settings.level), "Examining this host.");
-    if (const std::string trouble = znhost::LogTrouble(); !trouble.empty())
-        return {trouble, "Name another file: --log FILE or ZN_LOG_FILE.", Cause::ToolFailed};
+    if (const std::string error = znhost::LastLogError(); !error.empty())
+        return {error, "Name another file: --log FILE or ZN_LOG_FILE.", Cause::ToolFailed};
     const std::string file = settings.file;
     return {file == "-" ? "standard error" : file};
 }

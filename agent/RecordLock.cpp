@@ -67,6 +67,6 @@ RecordLock::RecordLock(const PortalMatcher& portal, const std::string& iqn)
     }
     catch (const std::runtime_error& error)
     {
-        m_trouble = error.what();
+        m_error = error.what();
     }
 }

@@ -15,10 +15,10 @@ public:
     RecordLock(const PortalMatcher& portal, const std::string& iqn);
 
     // Why the lock could not be taken; empty if it is held.
-    const std::string& Trouble() const { return m_trouble; }
+    const std::string& Error() const { return m_error; }
 
 private:
     znlib::Descriptor m_portal;
     znlib::Descriptor m_record;
-    std::string m_trouble;
+    std::string m_error;
 };

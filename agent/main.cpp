@@ -39,7 +39,7 @@ catch (const std::exception& error)
 void PrintWarnings()
 {
     for (const std::string& warning :
-         {std::string(znhost::CurrentLogSettings().fault), znhost::LogTrouble()})
+         {std::string(znhost::CurrentLogSettings().fault), znhost::LastLogError()})
         if (!warning.empty())
             PrintError("warning: " + warning);
 }

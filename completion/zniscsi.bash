@@ -61,7 +61,7 @@ _zniscsi() {
     unset 'words[0]' 'words[-1]'
     COMPREPLY=()
 
-    # The command, its arguments before the cursor, and the option whose value stands there.
+    # The command, its arguments before the cursor, and the option that takes the word as its value.
     local word options command='' option='' arguments=() kinds
     options=$(_zniscsi_options)
     [[ $options ]] || return

@@ -1,5 +1,6 @@
-// The sizes of the objects that cross between library and host, part of the binary face: each side makes
-// or keeps objects whose members are the other's. A host that needs more state keeps it elsewhere.
+// The sizes of the objects that cross between library and host, part of the binary face: each side
+// makes or keeps objects whose members are the other's. A host that needs more state keeps it
+// elsewhere.
 #include "host/CHxError.h"
 #include "host/EvDebug.h"
 #include "host/ZNPI_PlatformBase.h"

@@ -125,8 +125,8 @@ bool CopyToCaller(const std::string& value, char* buffer, unsigned long bufferSi
     return true;
 }
 
-// Forward searches for one marker in one text. Text that one search has ruled out is not searched again:
-// a sequence of searches from growing positions takes time linear in the text.
+// Forward searches for one marker in one text. Text that one search has ruled out is not searched
+// again: a sequence of searches from growing positions takes time linear in the text.
 class MarkerSearch
 {
 public:

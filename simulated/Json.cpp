@@ -5,8 +5,9 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <fstream>
+
+#include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>

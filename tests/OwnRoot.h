@@ -1,6 +1,8 @@
 // Tests that need a root folder of their own.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -9,8 +11,6 @@
 #include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 // Makes `root` the root folder of this process. False if that is not allowed here.
 inline bool EnterRoot(const std::filesystem::path& root)

@@ -1,10 +1,10 @@
 #include "tests/WatchedHeap.h"
 
-#include <malloc.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <new>
+
+#include <malloc.h>
 
 std::atomic<std::size_t> g_largestBlock{SIZE_MAX};
 std::atomic<const char*> g_secret{nullptr};

@@ -1,6 +1,5 @@
-#include "standalone/hxutils/Pauses.h"
-
 #include "host/HxSleep.h"
+#include "standalone/hxutils/Pauses.h"
 #include "standalone/znlib/Log.h"
 
 #include <algorithm>

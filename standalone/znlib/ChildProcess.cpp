@@ -1,16 +1,16 @@
 #include "standalone/znlib/ChildProcess.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sched.h>
-#include <sys/ioctl.h>
-#include <sys/syscall.h>
-
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
 
 // Another name of clone. The thread sanitizer intercepts clone as a fork, and would lose track of the
 // threads of this process.

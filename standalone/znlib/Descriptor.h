@@ -2,11 +2,11 @@
 // (namespace znlib: internal; znhost: exported by the libraries of the stand-alone host.)
 #pragma once
 
-#include <unistd.h>
-
 #include <cerrno>
 #include <system_error>
 #include <utility>
+
+#include <unistd.h>
 
 namespace znlib
 {

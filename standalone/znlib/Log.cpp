@@ -284,7 +284,7 @@ const LogSettings& znhost::CurrentLogSettings()
     return g_settings;
 }
 
-std::string znhost::LogTrouble()
+std::string znhost::LastLogError()
 {
     const int error = g_writeError;
     if (error == 0)

@@ -65,6 +65,6 @@ const LogSettings& CurrentLogSettings();
 
 // Returns why a line of this process could not be written, in a sentence; empty if none was lost.
 // Thread-safe.
-std::string LogTrouble();
+std::string LastLogError();
 
 } // namespace znhost

@@ -12,6 +12,7 @@
 //
 // ../../demo.sh is a test, too: no scenario repeats one of its steps.
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cctype>
@@ -23,12 +24,11 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 
-#include <nlohmann/json.hpp>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace
 {

@@ -2,6 +2,7 @@
 // answer, on this machine (which has no session with the targets) and on a recorded one, and what they
 // show on a terminal.
 #include "agent/Commands.h"
+
 #include "agent/LogWatch.h"
 #include "agent/RecordLock.h"
 #include "agent/Secret.h"
@@ -303,12 +304,12 @@ TEST(RecordLock, ExcludesTheSameRecordOnly)
             odd(portal, "/" + std::string(300, 'x'));
         const int record = open("/run/lock/zniscsi/192.0.2.10,iqn.x:a", O_RDWR);
         const int all = open("/run/lock/zniscsi/192.0.2.10", O_RDWR);
-        return lock.Trouble() + other.Trouble() + odd.Trouble() == "" &&
+        return lock.Error() + other.Error() + odd.Error() == "" &&
                flock(record, LOCK_SH | LOCK_NB) != 0 && flock(all, LOCK_EX | LOCK_NB) != 0;
     });
     ExpectInside(machine, [&] {
         g_user = 77777;
-        return RecordLock(portal, "iqn.x:a").Trouble() == "/run/lock/zniscsi belongs to another user";
+        return RecordLock(portal, "iqn.x:a").Error() == "/run/lock/zniscsi belongs to another user";
     });
 }
 

@@ -1,6 +1,8 @@
 // The folders and files of a recorded machine.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -8,8 +10,6 @@
 #include <vector>
 
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 inline std::vector<std::string> ReadLines(const std::filesystem::path& file)
 {

@@ -1,6 +1,5 @@
 // The device tree of machines described in data/device-trees.txt, and of this machine.
 #include "standalone/zndevicetree/SysfsTree.h"
-
 #include "standalone/znlib/Log.h"
 #include "tests/OwnRoot.h"
 

@@ -1,6 +1,7 @@
 // The log: one line per entry, settings, rotation, many processes with one file.
 
 #include "standalone/znlib/Log.h"
+
 #include "host/EvDebug.h"
 #include "host/HxSleep.h"
 #include "host/ZnProcess.h"
@@ -143,7 +144,7 @@ TEST_F(Log, SettingsComeFromTheRegistryAndTheEnvironment)
         const char* registry;
         const char* environment;
         std::vector<bool> shown; // levels -1, 0, 1, 2
-        const char* trouble;     // a part of it
+        const char* error;       // a part of it
     };
     for (const Row& row :
          {Row{"default", "", "", {true, true, false, false}, ""},
@@ -167,7 +168,7 @@ TEST_F(Log, SettingsComeFromTheRegistryAndTheEnvironment)
         for (int level = -1; level <= 2; ++level)
         {
             fs::remove(m_file);
-            EXPECT_THAT(Write(row.environment, level, 1, "x"), testing::HasSubstr(row.trouble))
+            EXPECT_THAT(Write(row.environment, level, 1, "x"), testing::HasSubstr(row.error))
                 << row.name;
             EXPECT_EQ(Lines().size(), row.shown[static_cast<std::size_t>(level + 1)] ? 1U : 0U)
                 << row.name << ", level " << level;
@@ -356,7 +357,7 @@ TEST_F(Log, BeginsALineAfterATruncatedOne)
     ASSERT_EQ(lines.size(), 2U);
     EXPECT_EQ(lines[0].size(), 100U);
     EXPECT_THAT(lines[1], testing::EndsWith("T: whole"));
-    EXPECT_THAT(znhost::LogTrouble(), testing::HasSubstr("File too large"));
+    EXPECT_THAT(znhost::LastLogError(), testing::HasSubstr("File too large"));
 }
 
 auto UpTo(int highest)

@@ -1,5 +1,6 @@
 // The detector: release files of many systems, and those of this one.
 #include "standalone/znlib/OsDetector.h"
+
 #include "host/OSType.h"
 #include "standalone/znlib/Log.h"
 

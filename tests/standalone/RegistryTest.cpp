@@ -1,5 +1,6 @@
 // The registry with files of every kind. This program defines the host's log, and records its lines.
 #include "standalone/znlib/Registry.h"
+
 #include "host/EvDebug.h"
 #include "host/ZNPlatformInfo.h"
 #include "standalone/znlib/Text.h"

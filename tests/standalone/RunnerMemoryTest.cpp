@@ -2,9 +2,9 @@
 #include "host/ZnProcess.h"
 #include "tests/WatchedHeap.h"
 
-#include <sys/wait.h>
-
 #include <gtest/gtest.h>
+
+#include <sys/wait.h>
 
 namespace
 {

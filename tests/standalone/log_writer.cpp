@@ -73,6 +73,6 @@ int main(int argc, char** argv)
     sigset_t blocked;
     pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
     changes += sigismember(&blocked, SIGPIPE) == 1 ? "signal mask" : "";
-    std::puts((znhost::CurrentLogSettings().fault + znhost::LogTrouble() + changes).c_str());
+    std::puts((znhost::CurrentLogSettings().fault + znhost::LastLogError() + changes).c_str());
     return 0;
 }

@@ -1,8 +1,4 @@
 // The tool that the tests of the process runner run. The first argument is its action.
-#include <dirent.h>
-#include <poll.h>
-#include <unistd.h>
-
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -11,6 +7,10 @@
 #include <set>
 #include <string>
 #include <vector>
+
+#include <dirent.h>
+#include <poll.h>
+#include <unistd.h>
 
 namespace
 {
