@@ -32,10 +32,10 @@ log/dropped         0.02x  dropped by their level
 == A resident host's look-up of a target's disks, against its tool alone
 look-up/0/1         1.5x   1 session, at the usual log level
 look-up/0/100       2x     100 sessions: 704 lines of log
-look-up/0/1000      5x     1,000 sessions: 7,004 lines of log
+look-up/0/1000      6x     1,000 sessions: 7,004 lines of log
 look-up/-1/1        1.3x   1 session, errors alone logged
 look-up/-1/100      1.3x   100 sessions
-look-up/-1/1000     1.5x   1,000 sessions
+look-up/-1/1000     1.6x   1,000 sessions
 == The device tree's look-up of a map
 device/linked       1.1x   with udev's link: 10,000 disks against 10
 device/searched     20x    without: 10,000 disks, against listing them
