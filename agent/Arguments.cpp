@@ -27,8 +27,8 @@ std::string FindFault(std::string_view value, std::size_t maxBytes)
 // The edit distance: how many letters to insert, delete or replace.
 std::size_t CountChanges(std::string_view from, std::string_view to)
 {
-    std::vector<std::size_t> changes(to.size() +
-                                     1); // distance from the letters so far to each prefix of `to`
+    // The distance from the letters so far to each prefix of `to`.
+    std::vector<std::size_t> changes(to.size() + 1);
     std::iota(changes.begin(), changes.end(), std::size_t{0});
     for (const char letter : from)
     {
@@ -52,9 +52,8 @@ std::string FindPortalFault(const std::string& portal)
     if (std::string fault = FindFault(portal, kMaxNameBytes + kMaxPortBytes); !fault.empty())
         return fault;
     const std::optional<Portal> parsed = ParsePortal(portal);
-    const bool hasGroup =
-        portal.find(',') !=
-        std::string::npos; // the tool prints a portal group tag but does not accept one
+    // The tool prints a portal group tag but does not accept one.
+    const bool hasGroup = portal.find(',') != std::string::npos;
     return parsed && !hasGroup && parsed->host.size() <= kMaxNameBytes
                ? ""
                : "it is none of ADDRESS, ADDRESS:PORT, [IPV6]:PORT";

@@ -10,8 +10,7 @@
 struct Request
 {
     unsigned long long jobId = 0;
-    int verbosity =
-        0; // 1: show what is run and found; 2: the parsers' steps and the tools' reports too
+    int verbosity = 0; // 1 shows what is run and found, 2 also the parsers' steps and the reports
     std::string portal;
     std::string iqn;
     std::string device;

@@ -213,7 +213,8 @@ private:
     try
     {
         for (const Mount& mount : ReadMounts(process))
-            if (const std::string device = DeviceOf(mount); m_mounted.count(device) == 0)
+            if (const std::string device = DeviceOf(mount);
+                !device.empty() && m_mounted.count(device) == 0)
                 AddUser(device, mount.place + " (of process " + process.filename().string() + ")");
     }
     catch (const std::runtime_error&)

@@ -1,9 +1,8 @@
 // The service interface: what a host agent may ask of this machine's iSCSI initiator.
 //
 // The host loads libZnISCSI.so, looks up GetInstance, passes the job identifier to the instance and
-// calls the operations through the dispatch table. The host owns the instance. There is no release
-// function:
-// `::operator delete(instance)` frees everything that an instance owns.
+// calls the operations through the dispatch table. The host owns the instance and releases it with
+// `::operator delete(instance)`, which frees everything that it owns.
 //
 // Every operation returns exactly 1 on success and 0 on failure, and writes the reason of a failure to
 // the host's debug log only. The caller owns all strings, buffers and lists; they are used during the
