@@ -244,6 +244,10 @@ void ExpectObject(const json& expected, const std::string& output, int status, c
 
 void InTheMachine::TestBody()
 {
+#ifdef __SANITIZE_THREAD__
+    if (m_scenario.title.find("then continued") != std::string::npos)
+        GTEST_SKIP() << "the thread sanitizer delays the signal handler until the secret has been read";
+#endif
     WriteScene();
     WriteScript();
     const int machineStatus = RunScript();
