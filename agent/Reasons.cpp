@@ -97,9 +97,14 @@ std::vector<std::string> ParseReasons(const std::vector<std::string>& errors)
 
 Failure Explain(std::vector<std::string> reasons, const Request& request, Cause cause)
 {
+    std::vector<std::string> searched =
+        reasons; // without the name of the target, which may be any text
+    for (std::string& reason : searched)
+        while (!request.iqn.empty() && Contains(reason, request.iqn.c_str()))
+            Replace(reason, request.iqn, "-");
     for (const Explanation& explanation : kExplanations)
     {
-        if (!AnyContains(reasons, explanation.words))
+        if (!AnyContains(searched, explanation.words))
             continue;
         std::string nextStep = explanation.nextStep;
         Replace(nextStep, "PORTAL", request.portal);

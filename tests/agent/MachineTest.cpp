@@ -281,6 +281,9 @@ TEST(Reasons, AreListedOnceWithTheNextStep)
     const Failure unexplained = Explain({"cannot", "iscsiadm: broken"}, request, Cause::NoDevice);
     EXPECT_STREQ(NameOf(*unexplained.answer->cause), "no-device");
     EXPECT_THAT(unexplained.answer->reasons, ElementsAre("cannot", "iscsiadm: broken"));
+    request.iqn = "iqn.x:unreachable";
+    EXPECT_EQ(Explain({"cannot log on to iqn.x:unreachable"}, request, Cause::NoDevice).answer->cause,
+              Cause::NoDevice);
     // A refused discovery also reports a time-out.
     EXPECT_EQ(Explain({"Connection refused", "iSCSI PDU timed out"}, request, Cause::ToolFailed)
                   .answer->cause,
