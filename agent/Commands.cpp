@@ -605,8 +605,8 @@ Answer FindDisks(const Request& request)
         call.Fail(Cause::NoDevice, {"found " + std::to_string(devices.size()) + " of " +
                                     std::to_string(*request.diskCount) + " disks of " + request.iqn});
     if (!isFound)
-        call.Fail(Cause::NoDevice, {"found " + std::to_string(devices.size()) + " disks of " +
-                                        request.iqn + ", and more may follow: no two looks agreed",
+        call.Fail(Cause::NoDevice, {"cannot find all disks of " + request.iqn + ": found " +
+                                        std::to_string(devices.size()) + ", and no two looks agreed",
                                     "wait longer (--wait S), or say how many there are (--count N)"});
     WarnOfDeadPaths(FindPaths(sessions, {devices.begin(), devices.end()}));
     return {Lines(devices), {{"devices", devices}}};
