@@ -141,11 +141,6 @@ bool IsLost(const Session& session)
     return session.state == "FAILED";
 }
 
-bool AnyIsLost(const std::vector<Session>& sessions)
-{
-    return std::any_of(sessions.begin(), sessions.end(), IsLost);
-}
-
 template <class Values>
 std::string Lines(const Values& values)
 {
@@ -188,7 +183,8 @@ std::vector<Session> FindSessions(const Node& node)
     std::vector<Session> sessions;
     Await(kMaxSettling, [&] {
         sessions = node.Select(ReadSessions());
-        return sessions.empty() || AnyIsLoggedIn(sessions) || AnyIsLost(sessions);
+        return sessions.empty() || AnyIsLoggedIn(sessions) ||
+               std::any_of(sessions.begin(), sessions.end(), IsLost);
     });
     return sessions;
 }

@@ -97,8 +97,8 @@ std::vector<std::string> ParseReasons(const std::vector<std::string>& errors)
 
 Failure Explain(std::vector<std::string> reasons, const Request& request, Cause cause)
 {
-    std::vector<std::string> searched =
-        reasons; // without the name of the target, which may be any text
+    // The name of the target may contain any of the words.
+    std::vector<std::string> searched = reasons;
     for (std::string& reason : searched)
         while (!request.iqn.empty() && Contains(reason, request.iqn.c_str()))
             Replace(reason, request.iqn, "-");

@@ -70,9 +70,9 @@ void TurnEchoOn()
 {
     if (!g_echoIsOff.exchange(false))
         return;
-    tcsetattr(STDIN_FILENO, TCSAFLUSH,
-              &g_settingsWithEcho); // flush: the rest of a secret must not reach the shell
-    WriteToStandardError("\n");     // the line end that the user typed was not shown
+    // TCSAFLUSH: the rest of a secret must not reach the shell.
+    tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_settingsWithEcho);
+    WriteToStandardError("\n"); // the line end that the user typed was not shown
 }
 
 // SA_RESETHAND has restored the default action: the raised signal ends the program after the return.

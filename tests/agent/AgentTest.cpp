@@ -11,6 +11,8 @@
 //   = N                its exit status; without such a line 0
 //
 // ../../demo.sh is a test, too: no scenario repeats one of its steps.
+#include "tests/agent/ReadLines.h"
+
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -42,15 +44,6 @@ std::string ReadText(const fs::path& file)
 {
     std::ifstream stream(file);
     return {std::istreambuf_iterator<char>(stream), {}};
-}
-
-std::vector<std::string> ReadLines(const fs::path& file)
-{
-    std::ifstream stream(file);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(stream, line);)
-        lines.push_back(line);
-    return lines;
 }
 
 struct Step

@@ -1,6 +1,8 @@
 // The folders and files of a recorded machine.
 #pragma once
 
+#include "tests/agent/ReadLines.h"
+
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -10,15 +12,6 @@
 #include <vector>
 
 #include <unistd.h>
-
-inline std::vector<std::string> ReadLines(const std::filesystem::path& file)
-{
-    std::ifstream stream(file);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(stream, line);)
-        lines.push_back(line);
-    return lines;
-}
 
 // The machine of recorded/two-portals.tree, unpacked into a folder.
 class RecordedMachine
