@@ -7,14 +7,18 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
+#include <filesystem>
 #include <iterator>
+#include <memory>
 #include <set>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
 #include <unordered_map>
 
+#include <dirent.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -26,7 +30,7 @@ using znhost::ReadTextFile;
 
 // The value of a sysfs attribute. Nothing if there is no such attribute, or it has no value: the kernel
 // prints "(null)" then.
-std::optional<std::string> ReadLine(const fs::path& attribute)
+std::optional<std::string> ReadLine(const std::string& attribute)
 {
     const std::optional<std::string> text = ReadTextFile(attribute);
     if (!text || *text == "(null)\n")
@@ -34,18 +38,24 @@ std::optional<std::string> ReadLine(const fs::path& attribute)
     return text->substr(0, text->find('\n'));
 }
 
-// The names in `folder`, sorted. Empty if there is no such folder.
-std::vector<std::string> ListFolder(const fs::path& folder)
+// The names in `folder`, sorted, hidden ones apart. Empty if there is no such folder.
+// opendir: std::filesystem takes three times as long, and /proc may have thousands of names.
+std::vector<std::string> ListFolder(const std::string& folder)
 {
+    const std::unique_ptr<DIR, int (*)(DIR*)> opened(opendir(folder.c_str()), closedir);
     std::vector<std::string> names;
-    std::error_code error;
-    for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
-         entry.increment(error))
-        names.push_back(entry->path().filename());
-    const bool isGone = error == std::errc::no_such_file_or_directory ||
-                        error == std::errc::not_a_directory || error == std::errc::no_such_device;
-    if (error && !isGone)
-        throw std::runtime_error("cannot read " + folder.string() + ": " + error.message());
+    while (opened)
+    {
+        errno = 0;
+        const dirent* const entry = readdir(opened.get());
+        if (entry == nullptr)
+            break;
+        if (entry->d_name[0] != '.')
+            names.emplace_back(entry->d_name);
+    }
+    if (errno != 0 && errno != ENOENT && errno != ENOTDIR && errno != ENODEV)
+        throw std::runtime_error("cannot read " + folder + ": " +
+                                 std::generic_category().message(errno));
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -59,7 +69,7 @@ std::string DevicePath(std::string name)
 
 // devices/platform/host3/session8/target3:0:0/3:0:0:1/state:          running
 // devices/platform/host3/session8/target3:0:0/3:0:0:1/block/sdb/size: 204800
-std::vector<Disk> ReadDisks(const fs::path& session)
+std::vector<Disk> ReadDisks(const std::string& session)
 {
     constexpr unsigned long long kSectorBytes = 512; // whatever the disk's own are
     std::vector<Disk> disks;
@@ -67,17 +77,20 @@ std::vector<Disk> ReadDisks(const fs::path& session)
     {
         if (!BeginsWith(target, "target"))
             continue;
-        for (const std::string& unit : ListFolder(session / target))
+        for (const std::string& name : ListFolder(session + '/' + target))
         {
-            const auto lun = znhost::ParseNumber<unsigned long long>(unit.substr(unit.rfind(':') + 1));
-            for (const std::string& name : ListFolder(session / target / unit / "block"))
+            const auto lun = znhost::ParseNumber<unsigned long long>(name.substr(name.rfind(':') + 1));
+            if (!lun)
+                continue;
+            const std::string unit = session + '/' + target + '/' + name;
+            for (const std::string& disk : ListFolder(unit + "/block"))
             {
-                const auto size = ReadLine(session / target / unit / "block" / name / "size");
-                const auto state = ReadLine(session / target / unit / "state");
-                if (!lun || !size || !state)
+                const auto size = ReadLine(unit + "/block/" + disk + "/size");
+                const auto state = ReadLine(unit + "/state");
+                if (!size || !state)
                     continue;
                 const auto sectors = znhost::ParseNumber<unsigned long long>(*size);
-                disks.push_back({DevicePath(name), *lun,
+                disks.push_back({DevicePath(disk), *lun,
                                  sectors ? std::optional(*sectors * kSectorBytes) : std::nullopt,
                                  *state});
             }
@@ -92,20 +105,20 @@ std::vector<Disk> ReadDisks(const fs::path& session)
 // class/iscsi_session/session8/targetname:                    iqn.2025-01.org.example:multi
 // class/iscsi_connection/connection8:0/persistent_address:    192.0.2.10
 // class/iscsi_connection/connection8:0/persistent_port:       3260
-std::optional<Session> ReadSession(const fs::path& sysfs, const std::string& name)
+std::optional<Session> ReadSession(const std::string& sysfs, const std::string& name)
 {
     const std::string number = name.substr(std::string_view("session").size());
-    const fs::path attributes = sysfs / "class/iscsi_session" / name;
-    const fs::path connection = sysfs / "class/iscsi_connection" / ("connection" + number + ":0");
+    const std::string attributes = sysfs + "/class/iscsi_session/" + name;
+    const std::string connection = sysfs + "/class/iscsi_connection/connection" + number + ":0";
     const std::optional<int> sid = znhost::ParseNumber<int>(number);
-    const auto state = ReadLine(attributes / "state");
+    const auto state = ReadLine(attributes + "/state");
     if (!sid || !state)
         return std::nullopt;
-    const auto address = ReadLine(connection / "persistent_address");
-    const auto port = ReadLine(connection / "persistent_port");
-    return Session{*sid, *state,
-                   address && port ? ParsePortal('[' + *address + "]:" + *port) : std::nullopt,
-                   ReadLine(attributes / "targetname").value_or(""), ReadDisks(attributes / "device")};
+    const auto address = ReadLine(connection + "/persistent_address");
+    const auto port = ReadLine(connection + "/persistent_port");
+    return Session{
+        *sid, *state, address && port ? ParsePortal('[' + *address + "]:" + *port) : std::nullopt,
+        ReadLine(attributes + "/targetname").value_or(""), ReadDisks(attributes + "/device")};
 }
 
 // Finds the users of every disk. The device tree tells what a device is made of; this class inverts
@@ -113,8 +126,11 @@ std::optional<Session> ReadSession(const fs::path& sysfs, const std::string& nam
 class UserSearch
 {
 public:
-    UserSearch(Machine& machine, const fs::path& root)
-        : m_machine(machine), m_root(root), m_tree(root / "sys", root / "dev")
+    UserSearch(Machine& machine, const std::string& root)
+        : m_machine(machine),
+          m_root(root),
+          m_block(root + "/sys/class/block/"),
+          m_tree(root + "/sys", root + "/dev")
     {
         for (Session& session : machine.sessions)
             for (Disk& disk : session.disks)
@@ -123,14 +139,15 @@ public:
 
     void Run()
     {
-        for (const std::string& name : ListFolder(m_root / "sys/class/block"))
+        for (const std::string& name : ListFolder(m_block))
         {
             // SCSI disks and partitions are never stacked on others. There may be thousands of them.
-            if (!BeginsWith(name, "sd"))
+            if (!BeginsWith(name, "sd") && !ListFolder(m_block + name + "/slaves").empty())
                 AddStacked(name);
         }
         AddBtrfs();
-        for (const std::string& file : ParseSwapTable(ReadTextFile(m_root / "proc/swaps").value_or("")))
+        for (const std::string& file :
+             ParseSwapTable(ReadTextFile(m_root + "/proc/swaps").value_or("")))
             AddUser(file, "swap");
         AddMounts();
     }
@@ -160,12 +177,10 @@ private:
 
     void AddStacked(const std::string& name)
     {
-        const fs::path folder = m_root / "sys/class/block" / name;
         const SP<ZnDevice> device = m_tree.FindDevice(DevicePath(name).c_str());
-        if (device.get() == nullptr || device->getChildren().empty() ||
-            fs::exists(folder / "partition"))
+        if (device.get() == nullptr)
             return;
-        const std::string uuid = ReadLine(folder / "dm/uuid").value_or("");
+        const std::string uuid = ReadLine(m_block + name + "/dm/uuid").value_or("");
         if (BeginsWith(uuid, "mpath-"))
             AddMap(*device.operator->());
         else if (!BeginsWith(uuid, "part")) // a partition of a map is no user, like a disk's partition
@@ -178,7 +193,7 @@ private:
         {
             const std::string& name = path->getName();
             const std::string kernelName = name.substr(name.rfind('/') + 1);
-            const auto state = ReadLine(m_root / "sys/class/block" / kernelName / "device/state");
+            const auto state = ReadLine(m_block + kernelName + "/device/state");
             m_machine.maps[map.getName()][name] = state.value_or("running") == "running";
             if (const auto disk = m_disks.find(name); disk != m_disks.end())
                 disk->second->map = map.getName();
@@ -188,34 +203,34 @@ private:
     // The mount table names one device of a btrfs only.
     void AddBtrfs()
     {
-        for (const std::string& uuid : ListFolder(m_root / "sys/fs/btrfs"))
-            for (const std::string& name : ListFolder(m_root / "sys/fs/btrfs" / uuid / "devices"))
+        for (const std::string& uuid : ListFolder(m_root + "/sys/fs/btrfs"))
+            for (const std::string& name : ListFolder(m_root + "/sys/fs/btrfs/" + uuid + "/devices"))
                 AddUser(DevicePath(name), "btrfs " + uuid);
     }
 
     // Mounts of this process's namespace, then mounts that only another namespace has.
     void AddMounts()
     {
-        const fs::path proc = m_root / "proc";
-        for (const Mount& mount : ReadMounts(proc / "self"))
+        const std::string proc = m_root + "/proc/";
+        for (const Mount& mount : ReadMounts(proc + "self"))
             if (const std::string device = DeviceOf(mount); !device.empty())
             {
                 m_mounted.insert(device);
                 AddUser(device, mount.place);
             }
-        std::set<std::string> known{ReadNamespace(proc / "self"), ""};
+        std::set<std::string> known{ReadNamespace(proc + "self"), ""};
         for (const std::string& process : ListFolder(proc))
-            if (known.insert(ReadNamespace(proc / process)).second)
-                AddForeignMounts(proc / process);
+            if (znhost::ParseNumber<int>(process) && known.insert(ReadNamespace(proc + process)).second)
+                AddForeignMounts(process);
     }
 
-    void AddForeignMounts(const fs::path& process)
+    void AddForeignMounts(const std::string& process)
     try
     {
-        for (const Mount& mount : ReadMounts(process))
+        for (const Mount& mount : ReadMounts(m_root + "/proc/" + process))
             if (const std::string device = DeviceOf(mount);
                 !device.empty() && m_mounted.count(device) == 0)
-                AddUser(device, mount.place + " (of process " + process.filename().string() + ")");
+                AddUser(device, mount.place + " (of process " + process + ")");
     }
     catch (const std::runtime_error&)
     {
@@ -229,30 +244,31 @@ private:
         if (BeginsWith(mount.number, "0:"))
             return BeginsWith(mount.source, "/dev/") ? mount.source : "";
         std::error_code error;
-        const fs::path link = fs::read_symlink(m_root / "sys/dev/block" / mount.number, error);
+        const fs::path link = fs::read_symlink(m_root + "/sys/dev/block/" + mount.number, error);
         return error ? "" : DevicePath(link.filename());
     }
 
     // Empty if the process has ended, or this user may not look into it.
     // readlink: std::filesystem takes two system calls, and there may be thousands of processes.
-    static std::string ReadNamespace(const fs::path& process)
+    static std::string ReadNamespace(const std::string& process)
     {
         std::array<char, 64> name{}; // mnt:[4026531841]
-        const ssize_t length = readlink((process / "ns/mnt").c_str(), name.data(), name.size());
+        const ssize_t length = readlink((process + "/ns/mnt").c_str(), name.data(), name.size());
         return {name.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
     }
 
-    static std::vector<Mount> ReadMounts(const fs::path& process)
+    static std::vector<Mount> ReadMounts(const std::string& process)
     {
         constexpr std::size_t kMaxBytes = 64 << 20;
-        const std::optional<std::string> table = ReadTextFile(process / "mountinfo", kMaxBytes);
+        const std::optional<std::string> table = ReadTextFile(process + "/mountinfo", kMaxBytes);
         if (!table) // without it nobody can tell whether a disk is in use
-            throw std::runtime_error("cannot read " + process.string() + "/mountinfo: it is not there");
+            throw std::runtime_error("cannot read " + process + "/mountinfo: it is not there");
         return ParseMountTable(*table);
     }
 
     Machine& m_machine;
-    const fs::path& m_root;
+    const std::string& m_root;
+    const std::string m_block; // the folder of block devices, with a slash
     znhost::SysfsTree m_tree;
     std::unordered_map<std::string, Disk*> m_disks;
     std::unordered_map<std::string, std::vector<std::string>> m_beneath;
@@ -287,14 +303,14 @@ std::vector<std::string> Words(const std::string& line)
 
 } // namespace
 
-std::vector<Session> ReadSessions(const fs::path& root)
+std::vector<Session> ReadSessions(const std::string& root)
 {
-    if (!fs::exists(root / "sys/class"))
+    if (!fs::exists(root + "/sys/class"))
         throw std::runtime_error("cannot look at the sessions: sysfs is not mounted on /sys");
     std::vector<Session> sessions;
-    for (const std::string& name : ListFolder(root / "sys/class/iscsi_session"))
+    for (const std::string& name : ListFolder(root + "/sys/class/iscsi_session"))
     {
-        if (std::optional<Session> session = ReadSession(root / "sys", name))
+        if (std::optional<Session> session = ReadSession(root + "/sys", name))
             sessions.push_back(std::move(*session));
     }
     std::sort(sessions.begin(), sessions.end(),
@@ -302,7 +318,7 @@ std::vector<Session> ReadSessions(const fs::path& root)
     return sessions;
 }
 
-Machine ReadMachine(const fs::path& root)
+Machine ReadMachine(const std::string& root)
 {
     Machine machine{ReadSessions(root), {}};
     if (!machine.sessions.empty())
@@ -344,9 +360,9 @@ std::vector<std::string> ParseSwapTable(std::string_view text)
     return files;
 }
 
-std::vector<std::string> FindDisksBeneath(const std::string& device, const fs::path& root)
+std::vector<std::string> FindDisksBeneath(const std::string& device, const std::string& root)
 {
-    const znhost::SysfsTree tree(root / "sys", root / "dev");
+    const znhost::SysfsTree tree(root + "/sys", root + "/dev");
     const SP<ZnDevice> found = tree.FindDevice(device.c_str());
     if (found.get() == nullptr)
         return {};

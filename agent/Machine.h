@@ -1,15 +1,14 @@
 // The iSCSI sessions of this machine, their disks and the users of these, read from sysfs and /proc.
 //
-// `root` is the machine's root folder, or where a test has one. Objects that vanish while they are read
-// are left out. The functions throw std::runtime_error, with a sentence for the user, if anything
-// cannot be read for another reason.
+// `root` is the machine's root folder, or where a test has one, without a slash at its end. Objects
+// that vanish while they are read are left out. The functions throw std::runtime_error, with a sentence
+// for the user, if anything cannot be read for another reason.
 //
 // Thread-safety: the functions share nothing.
 #pragma once
 
 #include "agent/Portal.h"
 
-#include <filesystem>
 #include <map>
 #include <optional>
 #include <string>
@@ -36,7 +35,7 @@ struct Session
 };
 
 // Returns the sessions in the order of their identifiers. `map` and `users` of their disks are empty.
-std::vector<Session> ReadSessions(const std::filesystem::path& root = "/");
+std::vector<Session> ReadSessions(const std::string& root = "");
 
 struct Machine
 {
@@ -45,7 +44,7 @@ struct Machine
     std::map<std::string, std::map<std::string, bool>> maps;
 };
 
-Machine ReadMachine(const std::filesystem::path& root = "/");
+Machine ReadMachine(const std::string& root = "");
 
 // An entry of the mount table.
 struct Mount
@@ -62,5 +61,4 @@ std::vector<std::string> ParseSwapTable(std::string_view text);
 
 // Returns the physical disks beneath `device`: those of a stacked device, the disk of a partition, a
 // disk itself. Empty if there is no such device.
-std::vector<std::string> FindDisksBeneath(const std::string& device,
-                                          const std::filesystem::path& root = "/");
+std::vector<std::string> FindDisksBeneath(const std::string& device, const std::string& root = "");
