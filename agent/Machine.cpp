@@ -38,8 +38,8 @@ std::optional<std::string> ReadLine(const std::string& attribute)
     return text->substr(0, text->find('\n'));
 }
 
-// The names in `folder`, sorted, hidden ones apart. Empty if there is no such folder.
-// opendir: std::filesystem takes three times as long, and /proc may have thousands of names.
+// The names in `folder`, sorted, without hidden ones. Empty if there is no such folder.
+// opendir: std::filesystem makes a path of each name, and /proc may have thousands.
 std::vector<std::string> ListFolder(const std::string& folder)
 {
     const std::unique_ptr<DIR, int (*)(DIR*)> opened(opendir(folder.c_str()), closedir);
