@@ -152,12 +152,13 @@ print_table() {
             verdict = "  NOT MEASURED"
         else if (value > limit + 0)
             verdict = "  ABOVE"
+        ++rows
         bad += verdict != ""
         printf "  %-44s %10s %10s %8s %8s%s\n", title, shown(ours[key], limit), shown(peers[key], limit),
             limit ~ /x$/ ? sprintf("%.3g", ratio) : "", limit, verdict
     }
     END {
-        print "\n" NR - bad
+        printf "\n%d of %d figures within their limits\n", rows - bad, rows
         exit bad > 0
     }'
 }
