@@ -189,11 +189,22 @@ std::vector<Session> FindSessions(const Node& node)
     return sessions;
 }
 
+void WarnOfDeadSessions(const std::vector<Session>& sessions)
+{
+    for (const Session& session : sessions)
+        if (!IsLoggedIn(session))
+            PrintError("warning: session " + std::to_string(session.sid) +
+                       " does not work now: its state is " + session.state);
+}
+
 // The answer if the node has `sessions`. Throws Failure if none of them is logged in.
 Answer AnswerLogOn(const std::vector<Session>& sessions, const Request& request, bool isNew)
 {
     if (AnyIsLoggedIn(sessions))
+    {
+        WarnOfDeadSessions(sessions);
         return {isNew ? "logged on\n" : "already logged on\n", {{"already", !isNew}}};
+    }
     const Session& session = sessions.front();
     throw Failure(
         Cause::SessionFailed,
@@ -245,11 +256,22 @@ void RequireNoOther(const std::vector<Session>& others, const Node& node, const 
             throw Failure(Cause::ToolFailed,
                           {sentence, "the kernel does not show the portal of session " +
                                          std::to_string(session.sid)});
+        if (!HasAddress(*session.portal))
+            throw Failure(Cause::ToolFailed,
+                          {sentence, "session " + std::to_string(session.sid) + " has the portal " +
+                                         FormatPortal(*session.portal) +
+                                         ", which may be the same: give that name"});
     }
 }
 
-void RefuseLosses(const std::vector<std::string>& losses, const Node& node)
+void RefuseLosses(const Machine& machine, const std::vector<Session>& ending, const Node& node)
 {
+    std::vector<std::string> losses = FindLosses(machine, ending);
+    for (const std::string& device : FindUnused(machine, ending))
+        if (IsHeld(device))
+            losses.push_back(
+                device +
+                ": held by the kernel or a program, such as a file system without a mount point");
     if (losses.empty())
         return;
     std::vector<std::string> reasons{"cannot log off from " + node.name + ": its disks are in use"};
@@ -311,6 +333,18 @@ std::vector<std::string> DevicesOf(const std::vector<Session>& sessions)
     return devices;
 }
 
+// Fails because the tool's report does not have `device`, which the kernel shows.
+[[noreturn]] void FailForWantOfReport(const LibraryCall& call, const std::string& sentence,
+                                      const std::string& device)
+{
+    const std::vector<std::string> logged = ParseReasons(call.watch.Errors());
+    if (logged.empty() || AnyContains(logged, words::kNoSession))
+        throw Failure(Cause::ToolFailed,
+                      {sentence, "the kernel shows " + device +
+                                     ", but the report of /sbin/iscsiadm does not: try again"});
+    call.Fail(Cause::ToolFailed, {sentence});
+}
+
 // Fails with the reason why no disk was found: from the kernel, or else from the log.
 [[noreturn]] void FailForWantOfDisks(const LibraryCall& call, const std::string& sentence)
 {
@@ -322,18 +356,25 @@ std::vector<std::string> DevicesOf(const std::vector<Session>& sessions)
     if (devices.empty())
         call.Fail(Cause::NoDevice,
                   {sentence, "the session with " + iqn + " presents none (yet: --wait S)"});
-    if (ParseReasons(call.watch.Errors()).empty())
-        call.Fail(Cause::ToolFailed,
-                  {sentence, "the kernel shows " + devices.front() +
-                                 ", but the report of /sbin/iscsiadm does not: try again"});
-    call.Fail(Cause::ToolFailed, {sentence});
+    FailForWantOfReport(call, sentence, devices.front());
 }
 
 void WarnOfDeadPaths(const std::vector<Path>& paths)
 {
     for (const Path& path : paths)
-        if (const std::string state = DescribeState(path.session, &path.disk); state != "LOGGED_IN")
-            PrintError("warning: " + path.disk.device + " does not work now: its state is " + state);
+        if (!Works(path.session, path.disk))
+            PrintError("warning: " + path.disk.device + " does not work now: its state is " +
+                       DescribeState(path.session, &path.disk));
+}
+
+// Returns `path`, or if that does not work, one to the same LUN that does.
+Path PreferWorking(const Path& path, const std::vector<Session>& sessions)
+{
+    if (!Works(path.session, path.disk))
+        for (const Path& other : FindPaths(sessions, DevicesOf(sessions)))
+            if (other.disk.lun == path.disk.lun && Works(other.session, other.disk))
+                return other;
+    return path;
 }
 
 // How often the library asks the multipath tool.
@@ -368,7 +409,8 @@ std::optional<TargetOfDevice> FindTargetOf(LibraryCall& call, const std::vector<
         });
     if (!isOneTarget || !(isFound || AnyContains(call.watch.Errors(), words::kPortalsDiffer)))
         return std::nullopt;
-    return TargetOfDevice{PortalOf(paths.front().session), paths.front().session.iqn};
+    const std::string known = PortalOf(paths.front().session);
+    return TargetOfDevice{known.empty() ? portal.data() : known, paths.front().session.iqn};
 }
 
 [[noreturn]] void FailForWantOfTarget(const LibraryCall& call, const std::vector<Path>& paths)
@@ -383,7 +425,7 @@ std::optional<TargetOfDevice> FindTargetOf(LibraryCall& call, const std::vector<
     if (iqns.empty())
         call.Fail(Cause::NoSession, {sentence, "no session presents it"});
     if (iqns.size() == 1)
-        call.Fail(Cause::ToolFailed, {sentence});
+        FailForWantOfReport(call, sentence, paths.front().disk.device);
     std::vector<std::string> reasons{sentence,
                                      "its paths lead to " + std::to_string(iqns.size()) + " targets:"};
     reasons.insert(reasons.end(), iqns.begin(), iqns.end());
@@ -496,7 +538,13 @@ Answer LogOn(const Request& request)
         return AnyIsLoggedIn(sessions);
     });
     if (!sessions.empty())
-        return AnswerLogOn(sessions, request, isReported);
+    {
+        Answer answer = AnswerLogOn(sessions, request, true);
+        if (!isReported) // one of several interfaces, for example
+            for (const std::string& reason : ParseReasons(call.watch.Errors()))
+                PrintError("warning: " + reason);
+        return answer;
+    }
     const std::string sentence = "cannot log on to " + node.name;
     if (isReported)
         call.Fail(Cause::NoSession,
@@ -520,7 +568,7 @@ Answer LogOff(const Request& request)
         return {"already logged off\n", {{"already", true}}};
     }
     if (!request.force)
-        RefuseLosses(FindLosses(machine, ending), node);
+        RefuseLosses(machine, ending, node);
 
     const SlowWork work("logging off from " + node.name);
     const bool isReported =
@@ -548,12 +596,14 @@ Answer Forget(const Request& request)
             node.RequireResolved(sentence);
         return already;
     }
-    if (call.initiator.Concrete().DeleteiSCSIIQNFromiSCSIAdmDb(request.portal.c_str(),
-                                                               request.iqn.c_str()) == 1)
-        return {"forgotten\n", {{"already", false}}};
-    if (!HasRecord(RequireRecords(call, sentence), node))
-        return already;
-    call.Fail(Cause::ToolFailed, {sentence});
+    const bool isReported = call.initiator.Concrete().DeleteiSCSIIQNFromiSCSIAdmDb(
+                                request.portal.c_str(), request.iqn.c_str()) == 1;
+    if (HasRecord(RequireRecords(call, sentence), node))
+        call.Fail(Cause::ToolFailed,
+                  isReported
+                      ? Row{sentence, "/sbin/iscsiadm reported success, but the record is still there"}
+                      : Row{sentence});
+    return isReported ? Answer{"forgotten\n", {{"already", false}}} : already;
 }
 
 Answer ListRecords(const Request& request)
@@ -604,6 +654,10 @@ Answer FindDisks(const Request& request)
         call.Fail(Cause::NoDevice, {"cannot find all disks of " + request.iqn + ": found " +
                                         std::to_string(devices.size()) + ", and no two looks agreed",
                                     "wait longer (--wait S), or say how many there are (--count N)"});
+    for (const std::string& device : DevicesOf(sessions))
+        if (std::find(devices.begin(), devices.end(), device) == devices.end())
+            PrintError("warning: the report of /sbin/iscsiadm lacks " + device +
+                       ", which the kernel shows");
     WarnOfDeadPaths(FindPaths(sessions, {devices.begin(), devices.end()}));
     return {Lines(devices), {{"devices", devices}}};
 }
@@ -624,14 +678,15 @@ Answer FindDisk(const Request& request)
     unsigned long size = found.size();
     std::vector<Path> paths;
     Machine machine;
+    std::vector<Session> sessions;
     const bool isFound = call.WaitFor("a disk of " + request.iqn, [&] {
         attempt = 0;
         found.fill('\0');
         if (call.initiator->GetPhysicalDeviceForTargetIQN(request.iqn.c_str(), found.data(), size) != 1)
             return false;
         machine = ReadMachine();
-        paths =
-            FindPaths(SelectSessions(machine.sessions, request.iqn), FindDisksBeneath(found.data()));
+        sessions = SelectSessions(machine.sessions, request.iqn);
+        paths = FindPaths(sessions, FindDisksBeneath(found.data()));
         return !paths.empty();
     });
     const std::string device = found.data();
@@ -642,14 +697,20 @@ Answer FindDisk(const Request& request)
                                  " beneath it"});
     if (!isFound)
         FailForWantOfDisks(call, sentence);
-    const Disk& disk = paths.front().disk;
-    if (disk.device == device && !disk.map.empty())
+    if (paths.front().disk.device != device) // it is a map
     {
-        WarnOfDeadPaths(FindPaths(machine.sessions, FindDisksBeneath(disk.map)));
-        return {Lines(Row{disk.map}), {{"device", disk.map}, {"path", device}}};
+        WarnOfDeadPaths(paths);
+        return {Lines(Row{device}), {{"device", device}, {"path", nullptr}}};
     }
-    WarnOfDeadPaths(paths);
-    return {Lines(Row{device}), {{"device", device}, {"path", nullptr}}};
+    const Path path = PreferWorking(paths.front(), sessions);
+    const Disk& disk = path.disk;
+    if (disk.map.empty())
+    {
+        WarnOfDeadPaths({path});
+        return {Lines(Row{disk.device}), {{"device", disk.device}, {"path", nullptr}}};
+    }
+    WarnOfDeadPaths(FindPaths(machine.sessions, FindDisksBeneath(disk.map)));
+    return {Lines(Row{disk.map}), {{"device", disk.map}, {"path", disk.device}}};
 }
 
 Answer FindTarget(const Request& request)

@@ -2,6 +2,7 @@
 
 #include "host/BeginsWith.h"
 #include "standalone/zndevicetree/SysfsTree.h"
+#include "standalone/znlib/Descriptor.h"
 #include "standalone/znlib/Text.h"
 #include "standalone/znlib/TextFile.h"
 
@@ -19,6 +20,7 @@
 #include <unordered_map>
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -141,6 +143,7 @@ public:
     {
         for (const std::string& name : ListFolder(m_block))
         {
+            AddLoop(name);
             // SCSI disks and partitions are never stacked on others. There may be thousands of them.
             if (!BeginsWith(name, "sd") && !ListFolder(m_block + name + "/slaves").empty())
                 AddStacked(name);
@@ -175,6 +178,15 @@ private:
         }
     }
 
+    // A loop device keeps its disk open without being stacked on it.
+    void AddLoop(const std::string& name)
+    {
+        if (BeginsWith(name, "loop"))
+            if (const auto file = ReadLine(m_block + name + "/loop/backing_file");
+                file && BeginsWith(*file, "/dev/"))
+                AddUser(*file, DevicePath(name));
+    }
+
     void AddStacked(const std::string& name)
     {
         const SP<ZnDevice> device = m_tree.FindDevice(DevicePath(name).c_str());
@@ -193,11 +205,25 @@ private:
         {
             const std::string& name = path->getName();
             const std::string kernelName = name.substr(name.rfind('/') + 1);
-            const auto state = ReadLine(m_block + kernelName + "/device/state");
-            m_machine.maps[map.getName()][name] = state.value_or("running") == "running";
+            const std::string device = m_block + kernelName + "/device";
+            m_machine.maps[map.getName()][name] =
+                ReadLine(device + "/state").value_or("running") == "running" && IsServed(device);
             if (const auto disk = m_disks.find(name); disk != m_disks.end())
                 disk->second->map = map.getName();
         }
+    }
+
+    // Whether the array serves the path, if it has asymmetric access (ALUA). Otherwise the attribute
+    // cannot be read.
+    static bool IsServed(const std::string& device)
+    try
+    {
+        const auto access = ReadLine(device + "/access_state");
+        return access != "unavailable" && access != "offline";
+    }
+    catch (const std::runtime_error&)
+    {
+        return true;
     }
 
     // The mount table names one device of a btrfs only.
@@ -220,21 +246,24 @@ private:
             }
         std::set<std::string> known{ReadNamespace(proc + "self"), ""};
         for (const std::string& process : ListFolder(proc))
-            if (znhost::ParseNumber<int>(process) && known.insert(ReadNamespace(proc + process)).second)
-                AddForeignMounts(process);
+        {
+            if (!znhost::ParseNumber<int>(process))
+                continue;
+            const std::string mountNamespace = ReadNamespace(proc + process);
+            if (known.count(mountNamespace) == 0 && AddForeignMounts(process))
+                known.insert(mountNamespace);
+        }
     }
 
-    void AddForeignMounts(const std::string& process)
-    try
+    // False if the process has just ended, or is not ours to look into.
+    bool AddForeignMounts(const std::string& process)
     {
-        for (const Mount& mount : ReadMounts(m_root + "/proc/" + process))
+        const std::vector<Mount> mounts = ReadForeignMounts(m_root + "/proc/" + process);
+        for (const Mount& mount : mounts)
             if (const std::string device = DeviceOf(mount);
                 !device.empty() && m_mounted.count(device) == 0)
                 AddUser(device, mount.place + " (of process " + process + ")");
-    }
-    catch (const std::runtime_error&)
-    {
-        // The process has just ended, or is not ours to look into.
+        return !mounts.empty();
     }
 
     // Empty for a file system without a device, or if the device has gone. A file system on several
@@ -264,6 +293,16 @@ private:
         if (!table) // without it nobody can tell whether a disk is in use
             throw std::runtime_error("cannot read " + process + "/mountinfo: it is not there");
         return ParseMountTable(*table);
+    }
+
+    static std::vector<Mount> ReadForeignMounts(const std::string& process)
+    try
+    {
+        return ReadMounts(process);
+    }
+    catch (const std::runtime_error&)
+    {
+        return {};
     }
 
     Machine& m_machine;
@@ -348,16 +387,17 @@ std::vector<Mount> ParseMountTable(std::string_view text)
 // /dev/sdb2                               partition	1048572		0		-2
 std::vector<std::string> ParseSwapTable(std::string_view text)
 {
-    std::vector<std::string> files;
+    std::vector<std::string> devices;
     std::istringstream lines{std::string(text)};
     std::string line;
     std::getline(lines, line);
     while (std::getline(lines, line))
     {
-        if (const std::vector<std::string> words = Words(line); !words.empty())
-            files.push_back(Unescaped(words.front()));
+        if (const std::vector<std::string> words = Words(line);
+            words.size() > 1 && words[1] == "partition")
+            devices.push_back(Unescaped(words.front()));
     }
-    return files;
+    return devices;
 }
 
 std::vector<std::string> FindDisksBeneath(const std::string& device, const std::string& root)
@@ -373,4 +413,12 @@ std::vector<std::string> FindDisksBeneath(const std::string& device, const std::
     if (whole.get() != nullptr)
         disks.push_back(whole->getName());
     return disks;
+}
+
+// O_NONBLOCK: opening a drive without a medium must not fail.
+bool IsHeld(const std::string& device)
+{
+    const znlib::Descriptor descriptor(
+        open(device.c_str(), O_RDONLY | O_EXCL | O_NONBLOCK | O_CLOEXEC));
+    return !descriptor.IsOpen() && errno == EBUSY;
 }

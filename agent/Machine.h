@@ -56,9 +56,13 @@ struct Mount
 
 std::vector<Mount> ParseMountTable(std::string_view text);
 
-// Returns the devices and files of /proc/swaps.
+// Returns the devices of /proc/swaps. The disk of a swap file is mounted.
 std::vector<std::string> ParseSwapTable(std::string_view text);
 
 // Returns the physical disks beneath `device`: those of a stacked device, the disk of a partition, a
 // disk itself. Empty if there is no such device.
 std::vector<std::string> FindDisksBeneath(const std::string& device, const std::string& root = "");
+
+// Whether the kernel, or a program that asked for it, has the device to itself: also for a file system
+// that was unmounted lazily, and has no place any more. Blocks while the device does not work.
+bool IsHeld(const std::string& device);

@@ -46,6 +46,13 @@ std::set<std::string> FindAddresses(const std::string& host, int resolverFlags, 
     return addresses;
 }
 
+// Empty for a name.
+std::set<std::string> FindNumeric(const std::string& host)
+{
+    std::string noAddress;
+    return FindAddresses(host, AI_NUMERICHOST, noAddress);
+}
+
 } // namespace
 
 // 192.0.2.10:3260,1
@@ -74,6 +81,11 @@ std::string FormatPortal(const Portal& portal)
     return portal.port == kDefaultPort ? host : host + ':' + std::to_string(portal.port);
 }
 
+bool HasAddress(const Portal& portal)
+{
+    return !FindNumeric(portal.host).empty();
+}
+
 PortalMatcher::PortalMatcher(const std::string& wanted)
     : m_wanted(ParsePortal(wanted).value()), m_addresses(FindAddresses(m_wanted.host, 0, m_error))
 {
@@ -83,8 +95,7 @@ bool PortalMatcher::Matches(const Portal& portal) const
 {
     if (portal.port != m_wanted.port)
         return false;
-    std::string noAddress;
-    const std::set<std::string> addresses = FindAddresses(portal.host, AI_NUMERICHOST, noAddress);
+    const std::set<std::string> addresses = FindNumeric(portal.host);
     return portal.host == m_wanted.host ||
            std::any_of(addresses.begin(), addresses.end(),
                        [this](const std::string& address) { return m_addresses.count(address) != 0; });

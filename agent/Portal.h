@@ -20,6 +20,9 @@ std::optional<Portal> ParsePortal(std::string_view text);
 // Returns "192.0.2.10", "192.0.2.10:3261", "[2001:db8::10]": the form that commands and tool take.
 std::string FormatPortal(const Portal& portal);
 
+// Whether the host is an address, not a name.
+bool HasAddress(const Portal& portal);
+
 // Compares portals of the initiator with the one that the user gave.
 class PortalMatcher
 {

@@ -6,11 +6,6 @@
 namespace
 {
 
-bool Works(const Session& session, const Disk& disk)
-{
-    return IsLoggedIn(session) && disk.state == "running";
-}
-
 // Whether `map` has a working path other than the disks of the sessions `ending`.
 bool KeepsAPath(const Machine& machine, const std::string& map, const std::vector<Session>& ending)
 {
@@ -30,6 +25,11 @@ bool KeepsAPath(const Machine& machine, const std::string& map, const std::vecto
 bool IsLoggedIn(const Session& session)
 {
     return session.state == "LOGGED_IN";
+}
+
+bool Works(const Session& session, const Disk& disk)
+{
+    return IsLoggedIn(session) && disk.state == "running";
 }
 
 std::vector<Session> SelectSessions(const std::vector<Session>& sessions, const std::string& iqn,
@@ -57,6 +57,20 @@ std::vector<std::string> FindLosses(const Machine& machine, const std::vector<Se
                 losses.push_back(disk.device + ": " + user);
         }
     return losses;
+}
+
+std::set<std::string> FindUnused(const Machine& machine, const std::vector<Session>& ending)
+{
+    std::set<std::string> devices;
+    for (const Session& session : ending)
+        for (const Disk& disk : session.disks)
+        {
+            if (!disk.users.empty() || !Works(session, disk) ||
+                (!disk.map.empty() && KeepsAPath(machine, disk.map, ending)))
+                continue;
+            devices.insert(disk.map.empty() ? disk.device : disk.map);
+        }
+    return devices;
 }
 
 std::vector<Path> FindPaths(const std::vector<Session>& sessions,

@@ -3,11 +3,15 @@
 
 #include "agent/Machine.h"
 
+#include <set>
 #include <string>
 #include <vector>
 
 // Whether the connection is up.
 bool IsLoggedIn(const Session& session);
+
+// Whether the disk can be read through that session.
+bool Works(const Session& session, const Disk& disk);
 
 // Returns the sessions with the target `iqn`, through `portal` unless that is null.
 std::vector<Session> SelectSessions(const std::vector<Session>& sessions, const std::string& iqn,
@@ -16,6 +20,9 @@ std::vector<Session> SelectSessions(const std::vector<Session>& sessions, const 
 // Returns the users that lose a disk if the sessions `ending` end, a line each: "/dev/sdb: /mnt". Users
 // of a multipath map that keeps a working path lose nothing.
 std::vector<std::string> FindLosses(const Machine& machine, const std::vector<Session>& ending);
+
+// Returns the working disks and maps that end with the sessions `ending` and have no known user.
+std::set<std::string> FindUnused(const Machine& machine, const std::vector<Session>& ending);
 
 // A disk with its session.
 struct Path

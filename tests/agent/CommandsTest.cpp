@@ -207,6 +207,23 @@ TEST(Commands, CheckWhatTheKernelShows)
     });
 }
 
+TEST(Commands, PreferADiskThatWorks)
+{
+    setenv("ZN_LOG_FILE", "/dev/null", 1);
+    const std::string example = "iqn.2025-01.org.example:";
+    RecordedMachine machine;
+    machine.Change("gone sys/class/block/dm-0");
+    machine.Change("sys/class/iscsi_session/session8/state: FAILED");
+    ExpectInside(machine, [&] {
+        g_runs = {{0, "Target: " + example +
+                          "multi\nPersistent Portal: 1:\nAttached scsi disk sdd State:\n"}};
+        Request request;
+        request.iqn = example + "multi";
+        request.retryPauseSeconds = 0;
+        return AnswerOf(FindDisk, request) == "/dev/sde\n";
+    });
+}
+
 // "already logged off" and "already forgotten" need a look that worked.
 TEST(Commands, DoNotTakeWhatTheyCannotSeeForAbsent)
 {
@@ -219,6 +236,8 @@ TEST(Commands, DoNotTakeWhatTheyCannotSeeForAbsent)
           std::tuple("gone sys/class/none", &Forget, "name.invalid", "cannot resolve name.invalid: "),
           std::tuple("gone sys/class/iscsi_connection/connection1:0/persistent_address", &LogOff, usual,
                      "the kernel does not show the portal of session 1"),
+          std::tuple("sys/class/iscsi_connection/connection1:0/persistent_address: array-a", &LogOff,
+                     usual, "session 1 has the portal array-a, "),
           std::tuple("gone sys/class", &LogOff, usual, "sysfs is not mounted")})
     {
         RecordedMachine machine;

@@ -104,7 +104,7 @@ listed() { zniscsi sessions --no-headings | awk '{ print $1, $2, $3, $4, $6 }' |
 # took COMMAND...: how long it takes, in microseconds.
 took() {
     local start=${EPOCHREALTIME/./}
-    "$@" >/dev/null 2>&1
+    "$@" >/dev/null 2>&1 || step "timing $*" 0 $?
     echo $((${EPOCHREALTIME/./} - start))
 }
 
@@ -252,7 +252,12 @@ refused "/dev/sd.*: /mnt" logoff $portal1 $plain
 echo 3 >/proc/sys/vm/drop_caches
 step "log off under a mounted disk" "refused: /dev/sd.*: /mnt, 1 session, kept" \
     "$came, $(count $plain) session, $(cat /mnt/file)"
-umount /mnt
+exec 8</mnt/file
+umount -l /mnt
+refused "$mounted: held" logoff $portal1 $plain
+step "log off under a file system without a place" "refused: $mounted: held, 1 session, kept" \
+    "$came, $(count $plain) session, $(cat <&8)"
+exec 8<&-
 
 # --- the target server dies and comes back
 
