@@ -115,13 +115,14 @@ SP<ZnDevice> MakeDevice(const fs::path& device)
     return new ZnDevice(DeviceName(device), children);
 }
 
-// Whether the error means that there is no such device: no such path, not a link, or too many links.
+// Whether the error means that there is no such device: no such path, not a link, too many links, or a
+// name longer than any device's (everybody can mount something of such a name).
 bool IsMiss(const std::error_code& error)
 {
     using std::errc;
     return error == errc::no_such_file_or_directory || error == errc::not_a_directory ||
            error == errc::no_such_device || error == errc::invalid_argument ||
-           error == errc::too_many_symbolic_link_levels;
+           error == errc::too_many_symbolic_link_levels || error == errc::filename_too_long;
 }
 
 std::runtime_error Failure(const char* path, const std::string& reason)
