@@ -71,32 +71,36 @@ std::string DevicePath(std::string name)
 
 // devices/platform/host3/session8/target3:0:0/3:0:0:1/state:          running
 // devices/platform/host3/session8/target3:0:0/3:0:0:1/block/sdb/size: 204800
-std::vector<Disk> ReadDisks(const std::string& session)
+void AddDisks(const std::string& unit, std::vector<Disk>& disks)
 {
     constexpr unsigned long long kSectorBytes = 512; // whatever the disk's own are
+    const auto lun = znhost::ParseNumber<unsigned long long>(unit.substr(unit.rfind(':') + 1));
+    if (!lun)
+        return;
+    const std::string block = unit + "/block/";
+    for (const std::string& name : ListFolder(block))
+    {
+        const auto size = ReadLine(block + name + "/size");
+        const auto state = ReadLine(unit + "/state");
+        if (!size || !state)
+            continue;
+        const auto sectors = znhost::ParseNumber<unsigned long long>(*size);
+        disks.push_back({DevicePath(name), *lun,
+                         sectors ? std::optional(*sectors * kSectorBytes) : std::nullopt, *state});
+    }
+}
+
+// `session` is a folder, with a slash at its end.
+std::vector<Disk> ReadDisks(const std::string& session)
+{
     std::vector<Disk> disks;
     for (const std::string& target : ListFolder(session))
     {
         if (!BeginsWith(target, "target"))
             continue;
-        for (const std::string& name : ListFolder(session + '/' + target))
-        {
-            const auto lun = znhost::ParseNumber<unsigned long long>(name.substr(name.rfind(':') + 1));
-            if (!lun)
-                continue;
-            const std::string unit = session + '/' + target + '/' + name;
-            for (const std::string& disk : ListFolder(unit + "/block"))
-            {
-                const auto size = ReadLine(unit + "/block/" + disk + "/size");
-                const auto state = ReadLine(unit + "/state");
-                if (!size || !state)
-                    continue;
-                const auto sectors = znhost::ParseNumber<unsigned long long>(*size);
-                disks.push_back({DevicePath(disk), *lun,
-                                 sectors ? std::optional(*sectors * kSectorBytes) : std::nullopt,
-                                 *state});
-            }
-        }
+        const std::string folder = session + target + '/';
+        for (const std::string& unit : ListFolder(folder))
+            AddDisks(folder + unit, disks);
     }
     std::stable_sort(disks.begin(), disks.end(),
                      [](const Disk& a, const Disk& b) { return a.lun < b.lun; });
@@ -120,7 +124,7 @@ std::optional<Session> ReadSession(const std::string& sysfs, const std::string& 
     const auto port = ReadLine(connection + "/persistent_port");
     return Session{
         *sid, *state, address && port ? ParsePortal('[' + *address + "]:" + *port) : std::nullopt,
-        ReadLine(attributes + "/targetname").value_or(""), ReadDisks(attributes + "/device")};
+        ReadLine(attributes + "/targetname").value_or(""), ReadDisks(attributes + "/device/")};
 }
 
 // Finds the users of every disk. The device tree tells what a device is made of; this class inverts
