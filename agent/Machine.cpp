@@ -153,9 +153,9 @@ public:
                 AddStacked(name);
         }
         AddBtrfs();
-        for (const std::string& file :
+        for (const std::string& device :
              ParseSwapTable(ReadTextFile(m_root + "/proc/swaps").value_or("")))
-            AddUser(file, "swap");
+            AddUser(device, "swap");
         AddMounts();
     }
 
