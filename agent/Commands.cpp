@@ -189,12 +189,16 @@ std::vector<Session> FindSessions(const Node& node)
     return sessions;
 }
 
+void WarnOfState(const std::string& object, const std::string& state)
+{
+    PrintError("warning: " + object + " does not work now: its state is " + state);
+}
+
 void WarnOfDeadSessions(const std::vector<Session>& sessions)
 {
     for (const Session& session : sessions)
         if (!IsLoggedIn(session))
-            PrintError("warning: session " + std::to_string(session.sid) +
-                       " does not work now: its state is " + session.state);
+            WarnOfState("session " + std::to_string(session.sid), session.state);
 }
 
 // The answer if the node has `sessions`. Throws Failure if none of them is logged in.
@@ -363,8 +367,7 @@ void WarnOfDeadPaths(const std::vector<Path>& paths)
 {
     for (const Path& path : paths)
         if (!Works(path.session, path.disk))
-            PrintError("warning: " + path.disk.device + " does not work now: its state is " +
-                       DescribeState(path.session, &path.disk));
+            WarnOfState(path.disk.device, DescribeState(path.session, &path.disk));
 }
 
 // Returns `path`, or if that does not work, one to the same LUN that does.
