@@ -2,25 +2,27 @@
 # Installs what is missing, builds, and shows every operation on a simulated machine: the command as a person would
 # type it, what it prints and, if it is meant to fail, its exit status.
 #
-#   ./demo.sh                 needs no root and leaves nothing outside the clone
-#   ./demo.sh --built BUILD   runs the programs in the folder BUILD and shows only what goes wrong: the tests do this
+#   ./demo.sh                 leaves nothing outside the clone; root is needed for missing packages only
+#   ./demo.sh --built BUILD   runs the programs in the directory BUILD and shows only what goes wrong, as a test
 #
-# Exit status: 0 every step did what it should, 1 a step did not, 77 the simulated machine does not work here.
+# Exit status: 0 every step did what it should, 1 a step did not, 2 wrong usage, 77 no simulated machine works here.
 set -euo pipefail
 cd "$(dirname "$(realpath "$0")")"
+# shellcheck source=scripts/prepare.sh
+. scripts/prepare.sh
 
-if [ "${1-}" = --built ]; then
+if [ "${1-}" = --built ] && [ $# -eq 2 ]; then
     build=$2
     work=$build/demo
 else
+    help_or_refuse "$@"
+    take_clone
     build=build/release
     work=build/demo
-    # shellcheck source=scripts/prepare.sh
-    . scripts/prepare.sh
     install_missing build
-    # The tests need more packages; a build folder of test.sh keeps its tests.
+    # The tests need more packages; a build directory of test.sh keeps its tests.
     without_tests=()
-    [ -e $build/build.ninja ] || without_tests=(-DZN_TESTS=OFF)
+    [ -e $build/build.ninja ] || without_tests=(-DBUILD_TESTING=OFF)
     configure release "${without_tests[@]}"
     build demo
 fi
@@ -86,7 +88,7 @@ report="Name = volume\\\\nTarget = $iqn:volume\\\\nMount = /dev/mapper/eql-volum
 sed "s|\"faults\": \[\]|\"faults\": [{ \"command\": \"ehcmcli\", \"output\": \"$report\" }]|" $usual >"$work/other-words.json"
 sed 's/"ehcmcliInstalled": true/"ehcmcliInstalled": false/' $usual >"$work/no-multipath-tool.json"
 
-step "Is everything here?" 0 "ok +host +Red Hat family Linux, release 9 \
+step "Is everything here?" 0 "ok +machine +Red Hat family Linux, release 9 \
 ok +administration tool +/sbin/iscsiadm, iscsiadm version 2\.1\.8 ok +initiator name +$iqn:initiator \
 ok +kernel module +iscsi_tcp is loaded (ok +initiator daemon +iscsid listens|note +initiator daemon .* Start it: .*) \
 ok +multipath daemon .* ok +multipath tool +/usr/sbin/ehcmcli \
@@ -101,18 +103,18 @@ step "Log on" 0 'logged on' zniscsi logon 192.0.2.10 $iqn:plain
 step "The target's disks, two of them" 0 '/dev/sdb /dev/sda' zniscsi disks $iqn:plain
 step "Log on again" 0 'already logged on' zniscsi logon 192.0.2.10 $iqn:plain
 step "CHAP with a wrong secret" 1 \
-    "zniscsi: cannot log on to $iqn:chap at 192.0.2.10 .*authorization failure\) .* --chap-user NAME" \
+    "zniscsi: cannot log on to $iqn:chap at 192.0.2.10 .*authorization failure\) .* check the CHAP name and the secret" \
     zniscsi logon 192.0.2.10 $iqn:chap --chap-user chapuser --chap-secret-file "$work/wrong-secret"
 step "CHAP with the right one" 0 'logged on' \
     zniscsi logon 192.0.2.10 $iqn:chap --chap-user chapuser --chap-secret-file "$work/right-secret"
 step "A portal that nobody answers at" 1 "zniscsi: cannot discover targets at 192.0.2.99 zniscsi: Failed to run .* \
 zniscsi: iscsiadm: connect to 192.0.2.99 timed out zniscsi: iscsiadm: connection login retries .* \
-zniscsi: see that 192.0.2.99 can be reached from here" zniscsi discover 192.0.2.99
+zniscsi: check that 192.0.2.99 can be reached from here" zniscsi discover 192.0.2.99
 step "A portal that refuses" 1 \
-    "zniscsi: cannot discover .*: Connection refused .* zniscsi: see that the target's server runs at 192.0.2.12" \
+    "zniscsi: cannot discover .*: Connection refused .* zniscsi: check that the target's server runs at 192.0.2.12" \
     zniscsi discover 192.0.2.12
-step "All sessions" 0 "SID +STATE +PORTAL +IQN +LUN +DEVICE +SIZE +USED BY \
-1 +LOGGED_IN +192.0.2.10 +$iqn:plain +1 +/dev/sdb +100M +- .* 2 +LOGGED_IN +192.0.2.10 +$iqn:chap +1 .*" zniscsi sessions
+step "All sessions" 0 "SID +STATE +PORTAL +IFACE +LUN +DEVICE +SIZE +USED BY +IQN \
+1 +LOGGED_IN +192.0.2.10 +default +1 +/dev/sdb +100M +- +$iqn:plain .* 2 +LOGGED_IN .* $iqn:chap" zniscsi sessions
 step "The same for a program" 0 '\{"ok":true,"sessions":\[(\{"sid":[12],"state":"LOGGED_IN",.*\},?){3}\]\}' \
     zniscsi sessions --json
 
@@ -121,7 +123,11 @@ step "Wait for its disks" 0 '/dev/sdd /dev/sde' zniscsi disks $iqn:slow --wait 2
 
 step "Two paths to one disk: the first" 0 'logged on' zniscsi logon 192.0.2.10 $iqn:multi
 step "A second portal" 0 "$iqn:multi $iqn:plain" zniscsi discover 192.0.2.11
-step "The second path" 0 'logged on' zniscsi logon 192.0.2.11 $iqn:multi
+step "All paths of the target" 0 'already logged on 192.0.2.10 logged on 192.0.2.11' zniscsi logon $iqn:multi
+step "What is on them" 0 "(.* /dev/mapper/mpatha,/dev/mapper/vg-data +$iqn:multi ?){2}" \
+    zniscsi sessions /dev/mapper/mpatha --no-headings
+step "Log off from a target in use" 1 "zniscsi: cannot log off from $iqn:multi: its disks are in use \
+zniscsi: /dev/sd[a-z]: /dev/mapper/vg-data .* with --force, unwritten data is lost" zniscsi logoff $iqn:multi
 
 step "Which target is behind a disk?" 0 "192.0.2.10 $iqn:plain" zniscsi target /dev/sdb
 step "... behind a partition" 0 "192.0.2.10 $iqn:plain" zniscsi target /dev/sdb1
@@ -172,7 +178,7 @@ step "Forget a record that is in use" 1 "zniscsi: cannot delete the node record 
     zniscsi forget 192.0.2.10 $iqn:chap
 step "Forget the record of the target that was logged off" 0 'forgotten' zniscsi forget 192.0.2.10 $iqn:plain
 step "The disks of a target that has no session" 1 "zniscsi: cannot find a disk of $iqn:plain \
-zniscsi: there is no session with $iqn:plain zniscsi: log on first: zniscsi logon PORTAL $iqn:plain" \
+zniscsi: there is no session with $iqn:plain zniscsi: log on first: zniscsi logon $iqn:plain" \
     zniscsi disks $iqn:plain
 
 if ! [ -s "$log" ] || grep -Eq "$secrets" "$log"; then

@@ -11,6 +11,8 @@ export PATH=$PATH:/usr/sbin:/sbin LC_ALL=C
 
 # shellcheck source=scripts/prepare.sh
 . scripts/prepare.sh
+help_or_refuse "$@"
+take_clone
 
 command -v apt-get >/dev/null || {
     echo "skipped: the tools for both kinds of package are Debian's, and this machine has no apt"

@@ -1,17 +1,20 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs every test.
 #
-#   ./test.sh                the tests
-#   ./test.sh --sanitizers   and once more under the address, undefined and thread sanitizers
-#   ./test.sh --real         and then the real initiator against a real target, in a virtual machine
-#   ./test.sh --fleet        and then the playbooks of fleet/ over three simulated machines
-#   ./test.sh --packages     and then the packages, built, installed, tried and removed
-#   ./test.sh --lint         and then shellcheck over all scripts, clang-tidy over what is shipped
+#   ./test.sh [OPTION...]
 #
-# The last line is "N passed, N failed". If this machine cannot run something, ", N skipped" follows, and the
-# reasons are above it. Exit status 0 only if nothing failed.
+#   --sanitizers   once more under the address, undefined and thread sanitizers
+#   --real         then the real initiator against a real target, in a virtual machine
+#   --fleet        then the playbooks of cli/fleet/ over three simulated machines
+#   --packages     then the packages, built, installed, tried and removed
+#   --lint         then shellcheck over all scripts, clang-tidy over what is shipped
+#
+# The last line is "N passed, N failed". If this machine cannot run something, ", N skipped" follows, and the reasons
+# are above it. Exit status: 0 nothing failed, 1 something did, 2 wrong usage.
 set -euo pipefail
 cd "$(dirname "$(realpath "$0")")"
+# shellcheck source=scripts/prepare.sh
+. scripts/prepare.sh
 
 packages=(build tests)
 presets=(release)
@@ -29,15 +32,10 @@ for option in "$@"; do
     --fleet) fleet=yes ;;
     --packages) packages_too=yes ;;
     --lint) lint=yes ;;
-    *)
-        sed -n '2,12s/^# \{0,1\}//p' "$0" >&2
-        exit 2
-        ;;
+    *) help_or_refuse "$option" ;;
     esac
 done
-
-# shellcheck source=scripts/prepare.sh
-. scripts/prepare.sh
+take_clone
 
 passed=0
 failed=0
@@ -52,11 +50,9 @@ show_failures() { # LOG
 
 # CTest's closing lines: "98% tests passed, 1 tests failed out of 61", and a list of what did not run.
 run_tests() { # PRESET
-    local log="$log_folder/test-$1.log" total bad not_run
+    local log="$log_directory/test-$1.log" total bad not_run
     echo "testing ($1)"
-    if ! ctest --test-dir "build/$1" --output-on-failure -j "$(nproc)" >"$log" 2>&1 </dev/null; then
-        show_failures "$log" >&2
-    fi
+    counted "test-$1" env -C "build/$1" ctest --output-on-failure -j "$(nproc)" || show_failures "$log" >&2
     total=$(sed -n 's/.* tests failed out of \([0-9]*\)$/\1/p' "$log")
     bad=$(sed -n 's/.* tests passed, \([0-9]*\) tests failed out of .*/\1/p' "$log")
     if [ -z "$total" ] || [ "$total" -eq 0 ]; then
@@ -105,26 +101,26 @@ lint_sources() {
     }
     [ build/tidy/CMakeCache.txt -nt .clang-tidy ] || rm -rf build/tidy
     configure tidy || return
-    build tidy -k 0 2>"$log_folder/lint" && return
-    grep -E ': (warning|error): ' "$log_folder/build-tidy.log" | sort -u || cat "$log_folder/lint"
+    build tidy -k 0 2>"$log_directory/lint" && return
+    grep -E ': (warning|error): ' "$log_directory/build-tidy.log" | sort -u || cat "$log_directory/lint"
     return 1
 }
 
 install_missing "${packages[@]}"
-install_missing manual || true # optional: without them the manual is not built or not checked
+install_optional "the manual is not built or not checked" manual
 for preset in "${presets[@]}"; do
-    configure "$preset" -DZN_TESTS=ON
+    configure "$preset" -DBUILD_TESTING=ON
     build "$preset"
     run_tests "$preset"
 done
 [ "$real" = no ] || check tests/real/run
 if [ "$fleet" = yes ]; then
-    install_missing fleet || true
+    install_optional "the playbooks are not tried" fleet
     check tests/fleet
 fi
 [ "$packages_too" = no ] || check ./package.sh
 if [ "$lint" = yes ]; then
-    install_missing lint || true
+    install_optional "not all is checked" lint
     check lint_scripts
     check lint_sources
 fi

@@ -1,8 +1,9 @@
-#include "bench/Peer.h"
+// What a run of a tool is compared with.
 
-#include <array>
+#include "bench/Bench.h"
+
 #include <csignal>
-#include <cstring>
+#include <cstdlib>
 #include <stdexcept>
 
 #include <fcntl.h>
@@ -13,16 +14,6 @@
 
 namespace
 {
-
-std::vector<const char*> Environment()
-{
-    std::vector<const char*> variables;
-    for (char** variable = environ; *variable != nullptr; ++variable)
-        if (std::strncmp(*variable, "LC_ALL=", 7) != 0)
-            variables.push_back(*variable);
-    variables.insert(variables.end(), {"LC_ALL=C", nullptr});
-    return variables;
-}
 
 pid_t Spawn(const std::vector<const char*>& words, int output, int errorOutput)
 {
@@ -41,11 +32,10 @@ pid_t Spawn(const std::vector<const char*>& words, int output, int errorOutput)
     posix_spawnattr_setsigdefault(&signals, &all);
     posix_spawnattr_setflags(&signals, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
 
-    const std::vector<const char*> environment = Environment();
+    setenv("LC_ALL", "C", 1);
     pid_t child = -1;
-    const int error =
-        posix_spawn(&child, words[0], &streams, &signals, const_cast<char* const*>(words.data()),
-                    const_cast<char* const*>(environment.data()));
+    const int error = posix_spawn(&child, words[0], &streams, &signals,
+                                  const_cast<char* const*>(words.data()), environ);
     posix_spawn_file_actions_destroy(&streams);
     posix_spawnattr_destroy(&signals);
     return error == 0 ? child : -1;
@@ -53,19 +43,17 @@ pid_t Spawn(const std::vector<const char*>& words, int output, int errorOutput)
 
 void Drain(int output, int errorOutput)
 {
-    static std::array<char, 65536> buffer;
-    std::array<pollfd, 2> streams{{{output, POLLIN, 0}, {errorOutput, POLLIN, 0}}};
+    static char buffer[65536];
+    pollfd streams[] = {{output, POLLIN, 0}, {errorOutput, POLLIN, 0}};
     for (int open = 2; open > 0;)
     {
-        poll(streams.data(), streams.size(), -1);
+        poll(streams, 2, -1);
         for (pollfd& stream : streams)
-        {
-            if (stream.revents != 0 && read(stream.fd, buffer.data(), buffer.size()) <= 0)
+            if (stream.revents != 0 && read(stream.fd, buffer, sizeof buffer) <= 0)
             {
                 stream.fd = -1;
                 --open;
             }
-        }
     }
 }
 

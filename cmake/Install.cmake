@@ -1,4 +1,4 @@
-# Installed files other than the targets: settings, headers, CMake and pkg-config files.
+# Installed files other than the targets.
 
 # The settings are read from /etc. With another prefix than /usr this is a file to copy.
 set(settings_folder ${CMAKE_INSTALL_SYSCONFDIR}/zniscsi)
@@ -27,10 +27,9 @@ foreach(header
     standalone/zndevicetree/SysfsTree.h
     standalone/znlib/Log.h
     standalone/znlib/OsDetector.h
-    standalone/znlib/Registry.h
-    standalone/znlib/Text.h
-    standalone/znlib/TextFile.h)
-  cmake_path(GET header PARENT_PATH folder)
+    standalone/znlib/ProcessRunner.h
+    standalone/znlib/Registry.h)
+  get_filename_component(folder ${header} DIRECTORY)
   install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zniscsi/${folder} COMPONENT devel)
 endforeach()
 install(FILES docs/hosts.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT devel)
@@ -42,8 +41,19 @@ write_basic_package_version_file(zniscsiConfigVersion.cmake COMPATIBILITY SameMa
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zniscsiConfigVersion.cmake DESTINATION ${config_folder} COMPONENT devel)
 install(EXPORT zniscsi FILE zniscsiConfig.cmake NAMESPACE zniscsi:: DESTINATION ${config_folder} COMPONENT devel)
 
-# pkg-config zniscsi gives both. APPEND drops the prefix if a packager's folder is absolute.
-cmake_path(APPEND pc_includedir "\${prefix}" ${CMAKE_INSTALL_INCLUDEDIR})
-cmake_path(APPEND pc_libdir "\${prefix}" ${CMAKE_INSTALL_LIBDIR})
-configure_file(cmake/zniscsi.pc.in zniscsi.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zniscsi.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT devel)
+# pkg-config zniscsi gives both. Its prefix is known at the installation only, which can name another one. A packager's
+# directory may be absolute.
+set(prefix @prefix@)
+foreach(directory INCLUDEDIR LIBDIR)
+  set(pc_${directory} ${CMAKE_INSTALL_${directory}})
+  if(NOT IS_ABSOLUTE ${pc_${directory}})
+    string(PREPEND pc_${directory} \${prefix}/)
+  endif()
+endforeach()
+set(pc ${CMAKE_CURRENT_BINARY_DIR}/zniscsi.pc)
+configure_file(cmake/zniscsi.pc.in ${pc}.in @ONLY)
+install(CODE "
+  get_filename_component(prefix \"\${CMAKE_INSTALL_PREFIX}\" ABSOLUTE)
+  configure_file(\"${pc}.in\" \"${pc}\" @ONLY)"
+  COMPONENT devel)
+install(FILES ${pc} DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT devel)

@@ -15,11 +15,11 @@ bool CallLog::Accepts(std::initializer_list<const void*> required) const
     return false;
 }
 
-bool CallLog::HostIsServed() const
+bool CallLog::MachineIsServed() const
 {
-    if (IsServedHost())
+    if (IsServedMachine())
         return true;
-    Error(kUnsupportedHost);
+    Error(kUnsupportedMachine);
     return false;
 }
 

@@ -5,35 +5,36 @@
 #pragma once
 
 #include "host/EvDebug.h"
-#include "host/ServedHost.h"
+#include "host/ServedMachine.h"
 #include "host/ZNPI_PlatformBase.h"
 
+#include <cstddef>
 #include <initializer_list>
 #include <optional>
 #include <type_traits>
 
-// The lines of one call. A format is a literal with %s and %d; text composed at run time is passed as
-// an argument.
+// The lines of one call. A format is a literal with %s and %d. It is taken as an array of characters,
+// so that text from outside, which is none, can only be an argument.
 class CallLog
 {
 public:
     // Why the operation, or one step of it, failed.
-    template <class... Values>
-    void Error(const char* format, Values... values) const
+    template <std::size_t N, class... Values>
+    void Error(const char (&format)[N], Values... values) const
     {
         Write(-1, format, values...);
     }
 
     // Progress and findings.
-    template <class... Values>
-    void Info(const char* format, Values... values) const
+    template <std::size_t N, class... Values>
+    void Info(const char (&format)[N], Values... values) const
     {
         Write(0, format, values...);
     }
 
     // The raw text that a parser receives.
-    template <class... Values>
-    void Detail(const char* format, Values... values) const
+    template <std::size_t N, class... Values>
+    void Detail(const char (&format)[N], Values... values) const
     {
         Write(2, format, values...);
     }
@@ -41,8 +42,8 @@ public:
     // Returns false and logs a line if one of the required arguments is null.
     bool Accepts(std::initializer_list<const void*> required) const;
 
-    // Returns false and logs a line on a host that the library does not serve.
-    bool HostIsServed() const;
+    // Returns false and logs a line on a machine that the library does not serve.
+    bool MachineIsServed() const;
 
     void RefuseParameters() const;
 
@@ -51,8 +52,8 @@ protected:
     CallLog(EvDebug& log, const char* tag, std::optional<unsigned long long> jobId);
 
 private:
-    template <class... Values>
-    void Write(int level, const char* format, Values... values) const
+    template <std::size_t N, class... Values>
+    void Write(int level, const char (&format)[N], Values... values) const
     {
         static_assert(((std::is_same_v<Values, const char*> || std::is_same_v<Values, int>)&&...),
                       "the formats convert %s and %d, nothing else");

@@ -33,8 +33,8 @@ public:
     void DebugLvl(const char* tag, int level, long long jobId, const char* format, ...)
         __attribute__((format(printf, 5, 6)));
 
-private:
-    EvDebugFileInstance* m_instance __attribute__((unused));
+protected: // Clang warns of private data that a host does not use, and GCC 10 has no attribute against it
+    EvDebugFileInstance* m_instance;
 };
 
 // The log object of one call of a function.

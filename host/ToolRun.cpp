@@ -5,7 +5,7 @@
 
 #include <unistd.h>
 
-ToolRun::ToolRun(const CallLog& log, const Tool& tool, std::string_view secret)
+ToolRun::ToolRun(const CallLog& log, const char* tool, std::string_view secret)
     : m_log(log), m_tool(tool), m_secret(secret)
 {
 }
@@ -17,9 +17,9 @@ ToolRun::~ToolRun()
 
 bool ToolRun::ToolExists() const
 {
-    if (access(m_tool.path, F_OK) == 0)
+    if (access(m_tool, F_OK) == 0)
         return true;
-    m_log.Error(m_tool.notFound);
+    m_log.Error("%s not found!!", m_tool);
     return false;
 }
 

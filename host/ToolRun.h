@@ -14,20 +14,14 @@
 #include <string>
 #include <string_view>
 
-struct Tool
-{
-    const char* path;     // full path; tested before the first run
-    const char* notFound; // logged if no file exists there
-};
-
 // The runs of one tool in one operation. Each run replaces the output of the run before. The destructor
 // wipes it if there is a secret.
 class ToolRun
 {
 public:
-    // No log line shows `secret`, even if the tool repeats it in its error output; it is empty if there
-    // is none. All three arguments must outlive the object.
-    ToolRun(const CallLog& log, const Tool& tool, std::string_view secret = {});
+    // `tool` is the tool's full path. No log line shows `secret`, even if the tool repeats it in its
+    // error output; it is empty if there is none. All three arguments must outlive the object.
+    ToolRun(const CallLog& log, const char* tool, std::string_view secret = {});
     ToolRun(const ToolRun&) = delete;
     ToolRun& operator=(const ToolRun&) = delete;
     ~ToolRun();
@@ -60,7 +54,7 @@ private:
     void DiscardOutput();
 
     const CallLog& m_log;
-    const Tool& m_tool;
+    const char* m_tool;
     std::string_view m_secret;
     std::string m_output;
     std::string m_errorOutput;

@@ -1,6 +1,7 @@
 // Removal of secrets from memory.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <initializer_list>
@@ -8,14 +9,33 @@
 #include <string>
 #include <string_view>
 
+// Overwrites `size` bytes. The compiler cannot leave this out, although nobody reads them afterwards.
+inline void WipeBytes(void* bytes, std::size_t size)
+{
+    std::memset(bytes, 0, size);
+    __asm__ volatile("" : : "r"(bytes) : "memory");
+}
+
 // Overwrites `text` and its spare capacity, which may hold an earlier value, and empties it.
 inline void Wipe(std::string& text)
 {
     const std::size_t size = text.size();
-    explicit_bzero(text.data(), size);
+    WipeBytes(text.data(), size);
     text.resize(text.capacity());
-    explicit_bzero(text.data() + size, text.size() - size);
+    WipeBytes(text.data() + size, text.size() - size);
     text.clear();
+}
+
+// Grows the capacity of `text` to `size`, at least by a factor of two, and wipes the old buffer.
+inline void ReserveWiping(std::string& text, std::size_t size)
+{
+    if (size <= text.capacity())
+        return;
+    std::string grown;
+    grown.reserve(std::max(size, 2 * text.capacity()));
+    grown.append(text);
+    Wipe(text);
+    text.swap(grown);
 }
 
 // A text made of pieces, wiped before its storage is freed. The whole capacity is reserved first:

@@ -1,7 +1,7 @@
 #include "interface/ZnISCSICommonUtils.h"
 
 #include "host/CallLog.h"
-#include "host/ServedHost.h"
+#include "host/ServedMachine.h"
 #include "host/ZNPlatformInfo.h"
 #include "redhat/ZnISCSILinuxRedhat.h"
 
@@ -19,9 +19,9 @@ ZnISCSI* GetInstance()
 {
     constexpr const char* kTag = "ZnISCSI::GetInstance";
     EvEvent log;
-    if (!IsServedHost())
+    if (!IsServedMachine())
     {
-        log.Debug(kTag, kUnsupportedHost);
+        log.Debug(kTag, kUnsupportedMachine);
         return nullptr;
     }
     log.Debug(kTag, "Creating a Linux - RedHat Instance...");

@@ -13,7 +13,7 @@ class ZnISCSICommonUtils : public ZnISCSI
 public:
     void SetLogging(unsigned long long& jobId) override;
 
-    // Fails: the default for a platform without CHAP.
+    // Fails without a line of log: the default for a platform without CHAP.
     int LogOnToiSCSITargetUsingCHAP(const char* /*portal*/, const char* /*targetIQN*/,
                                     const char* /*userName*/, const char* /*password*/) override
     {

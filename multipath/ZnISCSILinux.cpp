@@ -11,7 +11,7 @@
 namespace
 {
 
-constexpr Tool kEhcmcli{"/usr/sbin/ehcmcli", "/usr/sbin/ehcmcli not found!!"};
+constexpr const char* kEhcmcli = "/usr/sbin/ehcmcli";
 constexpr const char* kStatusCommand = "/usr/sbin/ehcmcli status";
 
 // The texts in front of the three values of a volume in the report.
@@ -28,6 +28,7 @@ bool ReadMarker(ZnISCSICommonUtils& settings, const char* key, std::string& mark
     std::array<char, 128> buffer{};
     if (!settings.GetRegStr(nullptr, key, buffer.data(), static_cast<int>(buffer.size())))
         return false;
+    buffer.back() = '\0'; // a reader may fill the buffer and leave no room for it
     marker = buffer.data();
     return !marker.empty();
 }

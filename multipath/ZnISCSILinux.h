@@ -29,9 +29,9 @@ public:
     // if the report is empty. The markers come from the registry if it has all three.
     bool ParseDellMPIOOutput(std::string report, std::vector<DellMPIOSessionInfo>& records);
 
-    // Finds the multipath device of a target. Runs the array's tool again, after a pause, until it
-    // reports the target or the number of attempts in the registry is reached. Sets `mpioDevice` on
-    // success only.
+    // Finds the multipath device of a target. Runs the array's tool again, after a pause of 20 s, until
+    // it reports the target or the number of runs in the registry is reached. Any other failure ends
+    // the look-up at once. Sets `mpioDevice` on success only.
     bool GetDellMPIODeviceForTargetIQN(std::string targetIQN, std::string& mpioDevice);
 
     // Appends the names of the physical disks beneath `device` to `physicalDevices`: the names of its

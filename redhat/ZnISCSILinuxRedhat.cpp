@@ -12,7 +12,7 @@
 namespace
 {
 
-constexpr Tool kIscsiadm{"/sbin/iscsiadm", "/sbin/iscsiadm not found!!"};
+constexpr const char* kIscsiadm = "/sbin/iscsiadm";
 
 // Selects the node record of one target at one portal.
 std::string NodeCommand(const char* targetIQN, const char* portal)
@@ -300,21 +300,23 @@ int ZnISCSILinuxRedhat::GetTargetIPAndIQNForDevice(const char* deviceName, char*
     const FullLog log("ZnISCSILinux::GetTargetIPAndIQNForDevice", m_jobId);
     if (!log.Accepts({deviceName}))
         return 0;
-    if (std::strstr(deviceName, "/dev/") == nullptr)
+    // A copy: the caller may pass one buffer as name and as result.
+    const std::string device = deviceName;
+    if (device.find("/dev/") == std::string::npos)
     {
-        log.Error("Device name [%s] not in expected format.", deviceName);
+        log.Error("Device name [%s] not in expected format.", device.c_str());
         return 0;
     }
     if (!log.Accepts({portalBuffer, iqnBuffer}))
         return 0;
     std::fill_n(portalBuffer, portalBufferSize, '\0');
     std::fill_n(iqnBuffer, iqnBufferSize, '\0');
-    if (!log.HostIsServed())
+    if (!log.MachineIsServed())
         return 0;
 
     std::string portal;
     std::string targetIQN;
-    return FindISCSITargetPortalAndIQN_RedHat5(deviceName, portal, targetIQN) &&
+    return FindISCSITargetPortalAndIQN_RedHat5(device, portal, targetIQN) &&
            CopyToCaller(portal, portalBuffer, portalBufferSize) &&
            CopyToCaller(targetIQN, iqnBuffer, iqnBufferSize);
 }
@@ -322,7 +324,7 @@ int ZnISCSILinuxRedhat::GetTargetIPAndIQNForDevice(const char* deviceName, char*
 int ZnISCSILinuxRedhat::RefreshiSCSITargetPortal(const char* portal)
 {
     const FullLog log("ZnISCSILinux::RefreshiSCSITargetPortal", m_jobId);
-    if (!log.Accepts({portal}) || !log.HostIsServed())
+    if (!log.Accepts({portal}) || !log.MachineIsServed())
         return 0;
     return RefreshISCSISystemBus_RedHat5(portal);
 }
@@ -330,7 +332,7 @@ int ZnISCSILinuxRedhat::RefreshiSCSITargetPortal(const char* portal)
 int ZnISCSILinuxRedhat::LogOnToiSCSITarget(const char* portal, const char* targetIQN)
 {
     const FullLog log("ZnISCSILinux::LogOnToiSCSITarget", m_jobId);
-    if (!log.Accepts({portal, targetIQN}) || !log.HostIsServed())
+    if (!log.Accepts({portal, targetIQN}) || !log.MachineIsServed())
         return 0;
     return LogOnToISCSITarget_RedHat5(portal, targetIQN);
 }
@@ -338,12 +340,12 @@ int ZnISCSILinuxRedhat::LogOnToiSCSITarget(const char* portal, const char* targe
 int ZnISCSILinuxRedhat::LogOffFromiSCSITarget(const char* portal, const char* targetIQN)
 {
     const FullLog log("ZnISCSILinux::LogOffFromiSCSITarget", m_jobId);
-    if (!log.Accepts({portal, targetIQN}) || !log.HostIsServed())
+    if (!log.Accepts({portal, targetIQN}) || !log.MachineIsServed())
         return 0;
     return LogOffFromISCSITarget_RedHat5(portal, targetIQN);
 }
 
-// Without a host check: a multipath device is valid on any host. The fallback has its own check.
+// Without a check of the machine: a multipath device is valid on any. The fallback has its own check.
 int ZnISCSILinuxRedhat::GetPhysicalDeviceForTargetIQN(const char* targetIQN, char* deviceBuffer,
                                                       unsigned long& deviceBufferSize)
 {
@@ -366,7 +368,7 @@ int ZnISCSILinuxRedhat::GetPhysicalDevicesForTargetIQN(const char* targetIQN,
                                                        std::list<std::string>& devices)
 {
     const FullLog log("ZnISCSILinux::GetPhysicalDevicesForTargetIQN", m_jobId);
-    if (!log.Accepts({targetIQN}) || !log.HostIsServed())
+    if (!log.Accepts({targetIQN}) || !log.MachineIsServed())
         return 0;
     return FindPhyDeviceNameFromISCSITargetIQN_RedHat5(targetIQN, devices);
 }
@@ -375,7 +377,7 @@ int ZnISCSILinuxRedhat::LogOnToiSCSITargetUsingCHAP(const char* portal, const ch
                                                     const char* userName, const char* password)
 {
     const FullLog log("ZnISCSILinux::LogOnToiSCSITargetUsingCHAP", m_jobId);
-    if (!log.Accepts({portal, targetIQN, userName, password}) || !log.HostIsServed())
+    if (!log.Accepts({portal, targetIQN, userName, password}) || !log.MachineIsServed())
         return 0;
     return LogOnToISCSITargetUsingCHAP_RedHat5(portal, targetIQN, userName, password);
 }
@@ -383,7 +385,7 @@ int ZnISCSILinuxRedhat::LogOnToiSCSITargetUsingCHAP(const char* portal, const ch
 int ZnISCSILinuxRedhat::DeleteiSCSIIQNFromiSCSIAdmDb(const char* portal, const char* targetIQN)
 {
     const FullLog log("ZnISCSILinux::DeleteiSCSIIQNFromiSCSIAdmDb", m_jobId);
-    if (!log.Accepts({portal, targetIQN}) || !log.HostIsServed())
+    if (!log.Accepts({portal, targetIQN}) || !log.MachineIsServed())
         return 0;
     return DeleteiSCSIIQNFromiSCSIAdmDb_RedHat5(portal, targetIQN);
 }

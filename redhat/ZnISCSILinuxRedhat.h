@@ -1,6 +1,10 @@
 // The operations on Red Hat family Linux: the concrete class, the function behind each of its methods,
 // and the parser of the initiator's session reports.
 //
+// GetInstance makes every instance, and a host that needs more than the interface reaches it with
+// static_cast<ZnISCSILinuxRedhat*>(instance): constructor, destructor and type information are not
+// exported.
+//
 // Thread-safety: as the interface. The free functions and the parser share nothing.
 #pragma once
 
@@ -37,7 +41,8 @@ public:
     int DeleteiSCSIIQNFromiSCSIAdmDb(const char* portal, const char* targetIQN);
 };
 
-// The functions behind the methods, without the host check. Each returns what its method returns.
+// The functions behind the methods return what these return. They skip the check of the machine, and
+// their log lines carry no job identifier. The first five refuse null arguments themselves.
 int RefreshISCSISystemBus_RedHat5(const char* portal);
 int LogOnToISCSITarget_RedHat5(const char* portal, const char* targetIQN);
 int LogOnToISCSITargetUsingCHAP_RedHat5(const char* portal, const char* targetIQN, const char* userName,
@@ -45,12 +50,13 @@ int LogOnToISCSITargetUsingCHAP_RedHat5(const char* portal, const char* targetIQ
 int LogOffFromISCSITarget_RedHat5(const char* portal, const char* targetIQN);
 int DeleteiSCSIIQNFromiSCSIAdmDb_RedHat5(const char* portal, const char* targetIQN);
 
-// Appends the disks of the target to `devices`. Returns true if there was one.
+// Appends the disks of the target to `devices`. Returns true if there was one. After a failure the list
+// holds what it held before, and the disks that were found before the failure.
 bool FindPhyDeviceNameFromISCSITargetIQN_RedHat5(std::string targetIQN,
                                                  std::list<std::string>& devices);
 
-// Finds the portal and the IQN behind a device. Both strings are emptied first; after a failure they
-// may hold values found before it.
+// Finds the portal and the IQN behind a device; "/dev/" in its name is not asked for here. Both strings
+// are emptied first, so neither may be the name. After a failure they may hold values found before it.
 bool FindISCSITargetPortalAndIQN_RedHat5(const std::string& deviceName, std::string& portal,
                                          std::string& targetIQN);
 

@@ -1,118 +1,93 @@
 # shellcheck shell=bash
-# Shared by demo.sh, test.sh, bench.sh and package.sh: installs missing packages and builds.
-# Source it from the clone's root, in bash with `set -euo pipefail`.
+# Shared by demo.sh, test.sh, bench.sh and package.sh. Source it from the clone's root, in bash with
+# `set -euo pipefail`. A script reads its arguments first, then it calls take_clone, and may then install and build.
 
-log_folder=build/log
-mkdir -p "$log_folder"
+# shellcheck source=scripts/packages.sh
+. scripts/packages.sh
 
-# Only one of them runs in a clone at a time: all write below build/. Child processes inherit the descriptor, so the
-# next run also waits for what a killed run leaves behind, such as a compiler.
-[ /proc/self/fd/8 -ef build/lock ] || exec 8>build/lock # test.sh runs package.sh under its own lock
-flock -n 8 || {
-    echo "waiting for another script of this clone to end"
-    flock 8
+log_directory=build/log
+
+# For the arguments that a script does not know by itself. The comment at its head is its help.
+help_or_refuse() { # ARGUMENT...
+    [ $# -gt 0 ] || return 0
+    case $1 in
+    -h | --help)
+        sed -n '2,/^[^#]/s/^# \{0,1\}//p' "${0##*/}"
+        exit 0
+        ;;
+    esac
+    echo "${0##*/}: there is no argument $1; --help lists them" >&2
+    exit 2
 }
 
-if [ -n "${TMPDIR-}" ] && ! { [ -d "$TMPDIR" ] && [ -w "$TMPDIR" ]; }; then
-    echo "TMPDIR=$TMPDIR names no folder that can be written to: /tmp is used instead" >&2
-    unset TMPDIR
-fi
+# Only one script runs in a clone at a time: all write below build/. Child processes inherit the descriptor, so the
+# next run also waits for what a killed run leaves behind, such as a compiler. test.sh runs package.sh under its own
+# lock.
+take_clone() {
+    mkdir -p "$log_directory"
+    [ /proc/self/fd/8 -ef build/lock ] || exec 8>build/lock
+    flock -n 8 || {
+        echo "waiting for another script of this clone to end"
+        flock 8
+    }
+    if [ -n "${TMPDIR-}" ] && ! { [ -d "$TMPDIR" ] && [ -w "$TMPDIR" ]; }; then
+        echo "TMPDIR=$TMPDIR names no directory that can be written to: /tmp is used instead" >&2
+        unset TMPDIR
+    fi
+}
 
 # Runs a command and shows its output only if it fails.
 quietly() { # NAME COMMAND...
-    local log="$log_folder/$1.log"
-    shift
-    if ! "$@" >"$log" 2>&1 </dev/null; then
-        tail -n 40 "$log" >&2
-        echo "failed: $* (all it printed: $log)" >&2
-        return 1
+    "${@:2}" >"$log_directory/$1.log" 2>&1 </dev/null || show_failure "$@"
+}
+
+show_failure() { # NAME COMMAND...
+    tail -n 40 "$log_directory/$1.log" >&2
+    echo "failed: ${*:2} (all it printed: $log_directory/$1.log)" >&2
+    return 1
+}
+
+# Keeps the output of a command, Ninja or CTest, in a log. On a terminal, one line counts its steps: [12/56].
+counted() { # NAME COMMAND...
+    "${@:2}" 2>&1 </dev/null | tee "$log_directory/$1.log" | count_steps
+}
+
+# [12/56] Building CXX object simulated/CMakeFiles/simulated.dir/Tool.cpp.o
+#  12/56 Test  #12: Log.IsWritten ..............   Passed    0.02 sec
+count_steps() {
+    local line
+    if ! [ -t 2 ] || [ "${TERM:-dumb}" = dumb ]; then
+        cat >/dev/null
+        return
     fi
+    while IFS= read -r line; do
+        [[ $line =~ ^\ *\[?([0-9]+/[0-9]+)(\]|\ Test) ]] && printf '\r[%s]\e[K' "${BASH_REMATCH[1]}"
+    done >&2
+    printf '\r\e[K' >&2
 }
 
-debian_packages() { # GROUP
-    case $1 in
-    build) echo g++ cmake ninja-build libboost-dev libcli11-dev nlohmann-json3-dev ;;
-    tests) echo libgtest-dev libgmock-dev ;;
-    manual) echo scdoc groff-base ;;
-    fleet) echo ansible-core ;;
-    lint) echo shellcheck clang-tidy ;;
-    packages) echo clang dpkg-dev file lintian pkg-config rpm rpmlint ;;
-    esac
-}
-
-redhat_packages() { # GROUP
-    case $1 in
-    build) echo gcc-c++ cmake ninja-build boost-devel cli11-devel json-devel ;;
-    tests) echo gtest-devel gmock-devel ;;
-    sanitizers) echo libasan libubsan libtsan ;;
-    manual) echo scdoc groff-base ;;
-    fleet) echo ansible-core ;;
-    lint) echo ShellCheck clang-tools-extra ;;
-    esac
-}
-
-is_on_debian() { dpkg-query -W -f '${Status}' "$1" 2>/dev/null | grep -q 'ok installed'; }
-
-is_on_redhat() { rpm -q --quiet "$1"; }
-
-install_on_debian() { # PACKAGE...
-    quietly apt-update as_root apt-get update
-    quietly apt-install as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "$@"
-}
-
-# Ninja, the test tools and the header libraries are in CRB and EPEL. Some members of the family have other names
-# for them, some need neither.
-install_on_redhat() { # PACKAGE...
-    quietly dnf-epel as_root dnf install -y dnf-plugins-core epel-release 2>/dev/null || true
-    quietly dnf-crb as_root dnf config-manager --set-enabled crb 2>/dev/null || true
-    quietly dnf-install as_root dnf install -y "$@" || {
-        echo "are the repositories CRB (CodeReady Builder) and EPEL enabled?" >&2
-        return 1
-    }
-}
-
-can_be_root() { [ "$(id -u)" -eq 0 ] || sudo -n true 2>/dev/null; }
-
-as_root() {
-    if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo -n "$@"; fi
-}
-
-# Installs the missing packages of the groups. Without the rights to do so, names them and fails.
-install_missing() { # GROUP...
-    local family group package missing=()
-    if command -v dpkg-query >/dev/null && command -v apt-get >/dev/null; then
-        family=debian
-    elif command -v dnf >/dev/null; then
-        family=redhat
-    else
-        echo "this machine has neither apt nor dnf: install a C++17 compiler, CMake 3.20, Ninja, Boost," \
-            "CLI11, nlohmann-json and, for the tests, GoogleTest by hand" >&2
-        return 0
-    fi
-    for group in "$@"; do
-        for package in $("${family}_packages" "$group"); do
-            "is_on_$family" "$package" || missing+=("$package")
-        done
-    done
-    [ ${#missing[@]} -gt 0 ] || return 0
-    if ! can_be_root; then
-        echo "these packages are missing and installing them needs root: ${missing[*]}" >&2
-        return 1
-    fi
-    echo "installing ${missing[*]} (a minute or two)"
-    "install_on_$family" "${missing[@]}"
-}
+# CMake 3.20 does. With an older one the release build has to do.
+knows_presets() { cmake --list-presets >/dev/null 2>&1; }
 
 configure() { # CONFIGURE-PRESET OPTION...
-    quietly "configure-$1" cmake --preset "$@"
+    if knows_presets; then
+        quietly "configure-$1" cmake --preset "$@"
+    elif [ "$1" = release ]; then
+        quietly configure-release cmake -G Ninja -S . -B build/release -DCMAKE_BUILD_TYPE=Release \
+            -DCMAKE_INSTALL_LIBDIR=lib -DZN_WERROR=ON "${@:2}"
+    else
+        echo "the preset $1 needs CMake 3.20" >&2
+        return 1
+    fi
 }
 
 # Estimates the time from the number of steps that Ninja has to do.
 build() { # BUILD-PRESET OPTION-OF-NINJA...
-    local steps seconds_per_step=3
-    steps=$(cmake --build --preset "$1" -- -n | sed -n '$s/^\[[0-9]*\/\([0-9]*\)\].*/\1/p')
+    local steps seconds_per_step=3 command=(cmake --build --preset "$1" --)
+    knows_presets || command=(cmake --build build/release --)
+    steps=$("${command[@]}" -n | sed -n '$s/^\[[0-9]*\/\([0-9]*\)\].*/\1/p')
     [ -n "$steps" ] || return 0
     [ "$1" != tidy ] || seconds_per_step=10
     echo "building ($1): $steps steps, about $((steps * seconds_per_step / $(nproc) / 10 + 1))0 s"
-    quietly "build-$1" cmake --build --preset "$1" -- "${@:2}"
+    counted "build-$1" "${command[@]}" "${@:2}" || show_failure "build-$1" "${command[@]}" "${@:2}"
 }

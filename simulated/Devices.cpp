@@ -1,7 +1,7 @@
 #include "simulated/Devices.h"
 
 #include <algorithm>
-#include <fstream>
+#include <set>
 
 namespace simulated
 {
@@ -16,48 +16,29 @@ std::string DiskName(int number)
     return number < 26 ? "sd" + last : DiskName(number / 26 - 1) + last;
 }
 
-// The first of the scene's names for this disk that no other disk has, or else the kernel's next name.
-std::string FreeDiskName(const Scene& scene, const State& state, const Lun& lun)
+const std::vector<Lun>& LunsOf(const Scene& scene, const Session& session)
 {
-    const std::vector<Disk> disks = DisksOf(scene, state);
-    const auto isFree = [&](const std::string& name) {
-        return std::none_of(disks.begin(), disks.end(),
-                            [&](const Disk& each) { return each.name == name; });
-    };
-    const auto wanted = std::find_if(lun.kernelNames.begin(), lun.kernelNames.end(), isFree);
-    if (wanted != lun.kernelNames.end())
-        return *wanted;
+    static const std::vector<Lun> kNone;
+    const Target* target = scene.FindTarget(session.iqn); // somebody may have changed the scene
+    return target == nullptr ? kNone : target->luns;
+}
+
+// The first of the scene's names for this disk that no other disk has, or else the kernel's next name.
+std::string FreeDiskName(const Lun& lun, const std::set<std::string>& taken)
+{
+    for (const std::string& name : lun.kernelNames)
+        if (taken.count(name) == 0)
+            return name;
     int number = 0;
-    while (!isFree(DiskName(number)))
+    while (taken.count(DiskName(number)) != 0)
         ++number;
     return DiskName(number);
-}
-
-void AddFolder(Tree& tree, const fs::path& path)
-{
-    if (path.empty())
-        return;
-    AddFolder(tree, path.parent_path());
-    tree.try_emplace(path, Entry{fs::file_type::directory, ""});
-}
-
-void AddFile(Tree& tree, const fs::path& path, const std::string& line)
-{
-    AddFolder(tree, path.parent_path());
-    tree[path] = {fs::file_type::regular, line};
-}
-
-// `target` is a path of the same tree.
-void AddLink(Tree& tree, const fs::path& path, const fs::path& target)
-{
-    AddFolder(tree, path.parent_path());
-    tree[path] = {fs::file_type::symlink, target.lexically_relative(path.parent_path())};
 }
 
 fs::path SessionPath(const Session& session)
 {
     const std::string sid = std::to_string(session.sid);
-    return "devices/platform/host" + sid + "/session" + sid;
+    return "sys/devices/platform/host" + sid + "/session" + sid;
 }
 
 // devices/platform/host2/session2/target2:0:0/2:0:0:1
@@ -68,100 +49,128 @@ fs::path LunPath(const Disk& disk)
            (target + ":" + std::to_string(disk.lun->lun));
 }
 
-void AddSession(Tree& sys, const Session& session)
+fs::path DiskPath(const Disk& disk)
 {
-    const std::string sid = std::to_string(session.sid);
-    const fs::path attributes = "class/iscsi_session/session" + sid;
-    AddFile(sys, attributes / "targetname", session.iqn);
-    AddFile(sys, attributes / "state", "LOGGED_IN");
-    AddFolder(sys, SessionPath(session));
-    AddLink(sys, attributes / "device", SessionPath(session));
-    const fs::path connection = "class/iscsi_connection/connection" + sid + ":0";
-    AddFile(sys, connection / "persistent_address", session.portal.address);
-    AddFile(sys, connection / "persistent_port", std::to_string(session.portal.port));
+    return LunPath(disk) / "block" / disk.name;
 }
 
-void AddDisk(Devices& devices, const Disk& disk)
+// Makes `device` a member of the class. Returns the directory of its attributes there.
+fs::path AddToClass(Tree& tree, const std::string& className, const fs::path& device)
 {
-    const fs::path path = LunPath(disk) / "block" / disk.name;
-    AddFile(devices.sys, LunPath(disk) / "state", "running");
-    AddFile(devices.sys, path / "size", "204800"); // sectors: 100 MiB
-    AddFolder(devices.sys, path / "slaves");
-    AddLink(devices.sys, path / "device", LunPath(disk));
-    AddLink(devices.sys, "block/" + disk.name, path);
-    AddLink(devices.sys, "class/block/" + disk.name, path);
+    fs::path attributes = device / className / device.filename();
+    AddLink(tree, attributes / "device", device);
+    AddLink(tree, "sys/class" / fs::path(className) / device.filename(), attributes);
+    return attributes;
+}
+
+void AddSession(Tree& tree, const Session& session)
+{
+    const fs::path device = SessionPath(session);
+    const fs::path attributes = AddToClass(tree, "iscsi_session", device);
+    AddFile(tree, attributes / "targetname", session.iqn);
+    AddFile(tree, attributes / "state", "LOGGED_IN");
+    AddFile(tree, attributes / "ifacename", "default");
+    const fs::path connection = AddToClass(
+        tree, "iscsi_connection", device / ("connection" + std::to_string(session.sid) + ":0"));
+    for (const std::string kind : {"", "persistent_"})
+    {
+        AddFile(tree, connection / (kind + "address"), session.portal.address);
+        AddFile(tree, connection / (kind + "port"), std::to_string(session.portal.port));
+    }
+}
+
+// "sda" -> 0, "sdz" -> 25, "sdaa" -> 26
+int NumberOfDisk(const std::string& name)
+{
+    int number = 0;
+    for (std::size_t i = 2; i < name.size(); ++i)
+        number = 26 * number + name[i] - 'a' + 1;
+    return number - 1;
+}
+
+// Linux reserves these majors for local use. With the usual ones, 8 and 253, the mount table, which is
+// not simulated, could show the computer's own mounts as those of simulated disks.
+const std::string kDisks = "120:";
+const std::string kMaps = "121:";
+const std::string kLocalDisks = "122:";
+
+// The node is a plain file, which an ordinary user can make. Opening it exclusively succeeds, as for a
+// disk that nobody uses.
+void AddBlockDevice(Tree& tree, const fs::path& path, const std::string& number)
+{
+    AddFile(tree, path / "dev", number);
+    AddDirectory(tree, path / "holders");
+    AddLink(tree, "sys/class/block" / path.filename(), path);
+    AddLink(tree, "sys/dev/block/" + number, path);
+    AddFile(tree, "dev" / path.filename(), "");
+}
+
+// A block device that is no partition.
+void AddWholeDevice(Tree& tree, const fs::path& path, const std::string& number)
+{
+    AddBlockDevice(tree, path, number);
+    AddDirectory(tree, path / "slaves");
+    AddLink(tree, "sys/block" / path.filename(), path);
+}
+
+void AddDisk(Tree& tree, const Disk& disk)
+{
+    const fs::path path = DiskPath(disk);
+    constexpr int kMinors = 16; // the disk itself and its partitions
+    const int minor = kMinors * NumberOfDisk(disk.name);
+    AddFile(tree, LunPath(disk) / "state", "running");
+    AddWholeDevice(tree, path, kDisks + std::to_string(minor));
+    AddFile(tree, path / "size", "204800"); // sectors: 100 MiB
+    AddLink(tree, path / "device", LunPath(disk));
     for (int i = 1; i <= disk.lun->partitions; ++i)
     {
-        const std::string name = disk.name + std::to_string(i);
-        AddFile(devices.sys, path / name / "partition", std::to_string(i));
-        AddLink(devices.sys, "class/block/" + name, path / name);
+        const fs::path partition = path / (disk.name + std::to_string(i));
+        AddBlockDevice(tree, partition, kDisks + std::to_string(minor + i));
+        AddFile(tree, partition / "partition", std::to_string(i));
     }
-    AddLink(devices.dev,
-            "disk/by-path/ip-" + disk.session->portal.address + ":" +
-                std::to_string(disk.session->portal.port) + "-iscsi-" + disk.session->iqn + "-lun-" +
-                std::to_string(disk.lun->lun),
-            disk.name);
+    AddLink(tree,
+            "dev/disk/by-path/ip-" + FormatPortalAddress(disk.session->portal) + "-iscsi-" +
+                disk.session->iqn + "-lun-" + std::to_string(disk.lun->lun),
+            "dev/" + disk.name);
 }
 
-// Adds dm-NUMBER, which is made of the devices `below`. Returns its kernel name.
-std::string AddDmDevice(Devices& devices, int number, const std::string& name, const std::string& uuid,
-                        const std::vector<std::string>& below)
+// Adds dm-NUMBER, which is made of the devices `below`. Returns its path.
+fs::path AddDmDevice(Tree& tree, int number, const std::string& name, const std::string& uuid,
+                     const std::vector<fs::path>& below)
 {
-    std::string kernelName = "dm-" + std::to_string(number);
-    const fs::path path = "class/block/" + kernelName;
-    AddFile(devices.sys, path / "dm/name", name);
-    AddFile(devices.sys, path / "dm/uuid", uuid);
-    for (const std::string& device : below)
-        AddLink(devices.sys, path / "slaves" / device, "class/block/" + device);
-    AddLink(devices.dev, "mapper/" + name, kernelName);
-    return kernelName;
-}
-
-// Adds the map on its paths, partitions on the map, and volumes on the last partition. Their numbers
-// begin with `number`.
-void AddMap(Devices& devices, const MultipathMap& map, const std::vector<std::string>& paths,
-            int number)
-{
-    const std::string uuid = "mpath-" + map.name;
-    const std::string mapName = AddDmDevice(devices, number, map.name, uuid, paths);
-    std::string last = mapName;
-    for (int i = 1; i <= map.partitions; ++i)
-        last = AddDmDevice(devices, ++number, map.name + std::to_string(i),
-                           "part" + std::to_string(i) + "-" + uuid, {mapName});
-    for (const std::string& volume : map.volumes)
-        AddDmDevice(devices, ++number, volume, "LVM-" + volume, {last});
-}
-
-std::vector<std::string> PathsOf(const MultipathMap& map, const std::vector<Disk>& disks)
-{
-    std::vector<std::string> paths;
-    for (const Disk& disk : disks)
+    const std::string kernelName = "dm-" + std::to_string(number);
+    fs::path path = "sys/devices/virtual/block/" + kernelName;
+    AddWholeDevice(tree, path, kMaps + std::to_string(number));
+    AddFile(tree, path / "dm/name", name);
+    AddFile(tree, path / "dm/uuid", uuid);
+    for (const fs::path& device : below)
     {
+        AddLink(tree, path / "slaves" / device.filename(), device);
+        AddLink(tree, device / "holders" / kernelName, path);
+    }
+    AddLink(tree, "dev/mapper/" + name, "dev/" + kernelName);
+    return path;
+}
+
+// Adds the map on its paths, if it has enough, partitions on the map, and volumes on the last
+// partition. Their numbers begin with `number`.
+void AddMap(Tree& tree, const MultipathMap& map, const std::vector<Disk>& disks, int number)
+{
+    std::vector<fs::path> paths;
+    for (const Disk& disk : disks)
         if (disk.lun->lun == map.lun &&
             std::count(map.targets.begin(), map.targets.end(), disk.session->iqn) != 0)
-            paths.push_back(disk.name);
-    }
-    return paths;
-}
-
-void WriteTree(const Tree& before, const Tree& after, const fs::path& root)
-{
-    for (auto gone = before.rbegin(); gone != before.rend(); ++gone)
-    {
-        if (after.count(gone->first) == 0)
-            fs::remove(root / gone->first);
-    }
-    for (const auto& [path, entry] : after)
-    {
-        if (before.count(path) != 0)
-            continue;
-        if (entry.type == fs::file_type::directory)
-            fs::create_directories(root / path);
-        else if (entry.type == fs::file_type::symlink)
-            fs::create_symlink(entry.text, root / path);
-        else
-            std::ofstream(root / path) << entry.text << '\n';
-    }
+            paths.push_back(DiskPath(disk));
+    if (paths.size() < map.minPaths)
+        return;
+    const std::string uuid = "mpath-" + map.name;
+    const fs::path mapPath = AddDmDevice(tree, number, map.name, uuid, paths);
+    fs::path last = mapPath;
+    for (int i = 1; i <= map.partitions; ++i)
+        last = AddDmDevice(tree, ++number, map.name + std::to_string(i),
+                           "part" + std::to_string(i) + "-" + uuid, {mapPath});
+    for (const std::string& volume : map.volumes)
+        AddDmDevice(tree, ++number, volume, "LVM-" + volume, {last});
 }
 
 } // namespace
@@ -170,63 +179,44 @@ std::vector<Disk> DisksOf(const Scene& scene, const State& state)
 {
     std::vector<Disk> disks;
     for (const Session& session : state.sessions)
-    {
-        const Target* target = scene.FindTarget(session.iqn);
-        if (target == nullptr) // somebody has changed the scene since the log-on
-            continue;
-        for (const Lun& lun : target->luns)
-        {
-            const auto name = session.disks.find(lun.lun);
-            if (name != session.disks.end())
+        for (const Lun& lun : LunsOf(scene, session))
+            if (const auto name = session.disks.find(lun.lun); name != session.disks.end())
                 disks.push_back({name->second, &session, &lun});
-        }
-    }
     return disks;
 }
 
 void AttachDisks(const Scene& scene, State& state)
 {
+    std::set<std::string> taken;
+    for (const Disk& disk : DisksOf(scene, state))
+        taken.insert(disk.name);
     for (Session& session : state.sessions)
-    {
-        const Target* target = scene.FindTarget(session.iqn);
-        if (target == nullptr)
-            continue;
-        for (const Lun& lun : target->luns)
-        {
+        for (const Lun& lun : LunsOf(scene, session))
             if (session.looks >= lun.atLook && session.disks.count(lun.lun) == 0)
-                session.disks[lun.lun] = FreeDiskName(scene, state, lun);
-        }
-    }
+                session.disks[lun.lun] = *taken.insert(FreeDiskName(lun, taken)).first;
 }
 
-Devices DevicesOf(const Scene& scene, const State& state)
+Tree DevicesOf(const Scene& scene, const State& state)
 {
-    Devices devices;
-    AddFolder(devices.sys, "class/iscsi_transport/tcp");
-    AddFolder(devices.dev, "disk");
-    AddFolder(devices.dev, "mapper");
+    Tree tree;
+    AddDirectory(tree, "sys/class/iscsi_transport/tcp");
+    AddDirectory(tree, "dev/mapper");
+    int local = 0;
     for (const std::string& name : scene.localDisks)
-        AddFolder(devices.sys, "class/block/" + name + "/slaves");
+        AddWholeDevice(tree, "sys/devices/pci0000:00/block/" + name,
+                       kLocalDisks + std::to_string(local++));
     for (const Session& session : state.sessions)
-        AddSession(devices.sys, session);
+        AddSession(tree, session);
     const std::vector<Disk> disks = DisksOf(scene, state);
     for (const Disk& disk : disks)
-        AddDisk(devices, disk);
+        AddDisk(tree, disk);
     int number = 0; // a map that is down keeps its numbers
     for (const MultipathMap& map : scene.maps)
     {
-        const std::vector<std::string> paths = PathsOf(map, disks);
-        if (!paths.empty() && paths.size() >= map.minPaths)
-            AddMap(devices, map, paths, number);
+        AddMap(tree, map, disks, number);
         number += 1 + map.partitions + static_cast<int>(map.volumes.size());
     }
-    return devices;
-}
-
-void WriteDevices(const Devices& before, const Devices& after, const fs::path& folder)
-{
-    WriteTree(before.sys, after.sys, folder / "sys");
-    WriteTree(before.dev, after.dev, folder / "dev");
+    return tree;
 }
 
 } // namespace simulated

@@ -22,11 +22,10 @@ Outcome Status(const Scene& scene, State& state)
         ++session.mpioLooks;
     for (const MpioVolume& volume : scene.ehcmcliVolumes)
     {
-        const bool isListed =
-            std::any_of(state.sessions.begin(), state.sessions.end(), [&](const Session& session) {
-                return session.iqn == volume.target && session.mpioLooks >= volume.atLook;
-            });
-        if (isListed)
+        const auto lists = [&](const Session& session) {
+            return session.iqn == volume.target && session.mpioLooks >= volume.atLook;
+        };
+        if (std::any_of(state.sessions.begin(), state.sessions.end(), lists))
             outcome.out += "Volume: " + volume.name + "\nTarget name: " + volume.target +
                            "\nStatus: connected\nDevice to mount: " + volume.device + "\n";
     }
@@ -37,10 +36,8 @@ Outcome Status(const Scene& scene, State& state)
 
 int main(int argc, char** argv)
 {
-    const std::string wanted = argc == 2 ? argv[1] : "";
+    const bool wantsStatus = argc == 2 && std::string(argv[1]) == "status";
     return RunTool("ehcmcli", argc, argv, [&](const Scene& scene, State& state) {
-        if (wanted == "status")
-            return Status(scene, state);
-        return Outcome{1, "", "Usage: ehcmcli status\n"};
+        return wantsStatus ? Status(scene, state) : Outcome{1, "", "Usage: ehcmcli status\n"};
     });
 }

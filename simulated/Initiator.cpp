@@ -3,41 +3,23 @@
 #include "simulated/Devices.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace simulated
 {
 namespace
 {
 
-// The status of a log-on, and the tool's words for it.
-struct Verdict
-{
-    int status;
-    std::string words;
-};
-
 std::string Said(const std::string& words)
 {
     return "iscsiadm: " + words + "\n";
 }
 
-Outcome NotFound(const std::string& words)
+auto FindSession(State& state, const Node& node)
 {
-    return {21, "", Said(words)};
-}
-
-// The first of `items`, node records or sessions, that belongs to `node`, or their end.
-template <class Items>
-auto Find(Items& items, const Node& node)
-{
-    return std::find_if(items.begin(), items.end(), [&](const auto& item) {
-        return item.iqn == node.iqn && item.portal == node.portal;
+    return std::find_if(state.sessions.begin(), state.sessions.end(), [&](const Session& session) {
+        return session.iqn == node.iqn && session.portal == node.portal;
     });
-}
-
-bool HasSession(const State& state, const Node& node)
-{
-    return Find(state.sessions, node) != state.sessions.end();
 }
 
 // "target: IQN, portal: ADDRESS,PORT"
@@ -53,18 +35,10 @@ std::string ListedAs(const Node& node)
     return FormatPortalAddress(node.portal) + ",1 " + node.iqn + "\n";
 }
 
-// Replaces a record of the same node: a discovery resets its settings.
-void AddRecord(State& state, const Node& node)
+bool IsName(const std::string& host)
 {
-    if (const auto known = Find(state.nodes, node); known != state.nodes.end())
-        state.nodes.erase(known);
-    const auto key = [](const NodeRecord& record) {
-        return record.iqn + ' ' + FormatPortalAddress(record.portal);
-    };
-    const NodeRecord fresh{node.iqn, node.portal, {}};
-    const auto at = std::find_if(state.nodes.begin(), state.nodes.end(),
-                                 [&](const NodeRecord& each) { return key(fresh) < key(each); });
-    state.nodes.insert(at, fresh);
+    return host.find(':') == std::string::npos &&
+           host.find_first_not_of("0123456789.") != std::string::npos;
 }
 
 // Why a discovery cannot connect to `at`. `portal` is the scene's portal of this address, or null.
@@ -82,37 +56,22 @@ bool IsOffered(const Target& target, const PortalAddress& at)
     return std::find(target.portals.begin(), target.portals.end(), at) != target.portals.end();
 }
 
-bool IsAuthorized(const Target& target, const NodeRecord& record)
+// Why the target refuses a log-on: the tool's status and words. 0 if it does not.
+std::pair<int, std::string> Refusal(const Scene& scene, const Node& node, Settings settings)
 {
-    return target.chap.user.empty() ||
-           (record.Setting("node.session.auth.authmethod") == "CHAP" &&
-            record.Setting("node.session.auth.username") == target.chap.user &&
-            record.Setting("node.session.auth.password") == target.chap.secret);
-}
-
-Verdict OpenSession(const Scene& scene, State& state, const NodeRecord& record)
-{
-    const Portal* portal = scene.FindPortal(record.portal);
+    const Portal* portal = scene.FindPortal(node.portal);
     if (portal == nullptr || portal->answer == "silent")
         return {8, "connection timed out"};
     if (portal->answer == "refusing")
         return {4, "encountered connection failure"};
-    const Target* target = scene.FindTarget(record.iqn);
-    if (target == nullptr || !IsOffered(*target, record.portal))
+    const Target* target = scene.FindTarget(node.iqn);
+    if (target == nullptr || !IsOffered(*target, node.portal))
         return {19, "encountered non-retryable iSCSI login failure"};
-    if (!IsAuthorized(*target, record))
+    if (!target->chap.user.empty() && (settings["node.session.auth.authmethod"] != "CHAP" ||
+                                       settings["node.session.auth.username"] != target->chap.user ||
+                                       settings["node.session.auth.password"] != target->chap.secret))
         return {24, "iSCSI login failed due to authorization failure"};
-    state.sessions.push_back({++state.lastSid, record.iqn, record.portal, 0, 0, {}});
     return {0, ""};
-}
-
-// The tool sorts sessions by their identifiers as text: 1, 10, 2.
-std::vector<Session> InReportOrder(std::vector<Session> sessions)
-{
-    std::sort(sessions.begin(), sessions.end(), [](const Session& a, const Session& b) {
-        return std::to_string(a.sid) < std::to_string(b.sid);
-    });
-    return sessions;
 }
 
 // The lines of the session's disks.
@@ -120,25 +79,26 @@ std::string AttachedDisks(const Scene& scene, const State& state, const Session&
 {
     std::string lines;
     for (const Disk& disk : DisksOf(scene, state))
-    {
         if (disk.session->sid == session.sid)
             lines += "\t\tscsi" + std::to_string(session.sid) +
                      " Channel 00 Id 0 Lun: " + std::to_string(disk.lun->lun) +
                      "\n\t\t\tAttached scsi disk " + disk.name + "\t\tState: running\n";
-    }
     return lines;
 }
 
 } // namespace
 
+Outcome NotFound(const std::string& words)
+{
+    return {21, "", Said(words)};
+}
+
 PortalAddress Resolve(const Scene& scene, const std::string& text)
 {
     PortalAddress at = ParsePortalAddress(text);
     for (const Portal& portal : scene.portals)
-    {
         if (portal.name == at.address)
             at.address = portal.portal.address;
-    }
     return at;
 }
 
@@ -146,12 +106,16 @@ Outcome Discover(const Scene& scene, State& state, const PortalAddress& at)
 {
     Outcome outcome;
     const Portal* portal = scene.FindPortal(at);
+    if (IsName(at.address))
+        return {4, "",
+                Said("Cannot resolve host " + at.address +
+                     ". getaddrinfo error: [Name or service not known]") +
+                    Said("Could not perform SendTargets discovery: encountered connection failure")};
     if (portal == nullptr || portal->answer != "answering")
     {
         outcome.status = 11;
         outcome.pauseMs = scene.unreachableMs;
-        constexpr int kAttempts = 6;
-        for (int i = 0; i < kAttempts; ++i)
+        for (int attempt = 1; attempt <= 6; ++attempt)
             outcome.err += Said(ConnectFailure(at, portal));
         outcome.err += Said("connection login retries (reopen_max) 5 exceeded") +
                        Said("Could not perform SendTargets discovery: iSCSI PDU timed out");
@@ -162,7 +126,7 @@ Outcome Discover(const Scene& scene, State& state, const PortalAddress& at)
         if (!IsOffered(target, at))
             continue;
         outcome.out += ListedAs({target.iqn, at});
-        AddRecord(state, {target.iqn, at});
+        state.nodes[{target.iqn, at}] = {}; // a discovery resets the settings of a record
     }
     return outcome;
 }
@@ -170,65 +134,44 @@ Outcome Discover(const Scene& scene, State& state, const PortalAddress& at)
 Outcome ListNodes(const State& state)
 {
     Outcome outcome;
-    for (const NodeRecord& record : state.nodes)
-        outcome.out += ListedAs({record.iqn, record.portal});
+    for (const auto& [node, settings] : state.nodes)
+        outcome.out += ListedAs(node);
     return outcome.out.empty() ? NotFound("No records found") : outcome;
-}
-
-Outcome UpdateNode(State& state, const Node& node, const std::string& name, const std::string& value)
-{
-    const auto record = Find(state.nodes, node);
-    if (record == state.nodes.end())
-        return NotFound("No records found");
-    record->settings[name] = value;
-    return {};
 }
 
 Outcome DeleteNode(State& state, const Node& node)
 {
-    const auto record = Find(state.nodes, node);
-    if (record == state.nodes.end())
-        return NotFound("No records found");
-    if (HasSession(state, node))
+    if (FindSession(state, node) != state.sessions.end())
         return {15, "",
                 Said("This command will remove the record [iface: default, " + TargetAndPortal(node) +
                      "], but a session is using it. Logout session then rerun command to remove "
                      "record.") +
                     Said("Could not execute operation on all records: session exists")};
-    state.nodes.erase(record);
+    state.nodes.erase(node);
     return {};
 }
 
 Outcome LogOn(const Scene& scene, State& state, const Node& node)
 {
-    const auto record = Find(state.nodes, node);
-    if (record == state.nodes.end())
-        return NotFound("No records found");
     const std::string notAll = Said("Could not log into all portals");
-    const bool exists = HasSession(state, node);
-    if (exists && scene.sessionExists == "counted")
+    if (FindSession(state, node) != state.sessions.end())
         return {15, "", Said("default: 1 session requested, but 1 already present.") + notAll};
-    const Verdict verdict =
-        exists ? Verdict{15, scene.sessionExists} : OpenSession(scene, state, *record);
     const std::string session = "[iface: default, " + TargetAndPortal(node) + "]";
-    Outcome outcome{verdict.status, "Logging in to " + session + "\n"};
-    if (verdict.status == 0)
-    {
-        outcome.out += "Login to " + session + " successful.\n";
-        return outcome;
-    }
-    if (verdict.status == 8)
-        outcome.pauseMs = scene.unreachableMs;
-    outcome.err = Said("Could not login to " + session + ".") +
-                  Said("initiator reported error (" + std::to_string(verdict.status) + " - " +
-                       verdict.words + ")") +
-                  notAll;
-    return outcome;
+    const std::string attempt = "Logging in to " + session + "\n";
+    const auto [status, words] = Refusal(scene, node, state.nodes.at(node));
+    if (status != 0)
+        return {status, attempt,
+                Said("Could not login to " + session + ".") +
+                    Said("initiator reported error (" + std::to_string(status) + " - " + words + ")") +
+                    notAll,
+                status == 8 ? scene.unreachableMs : 0};
+    state.sessions.push_back({++state.lastSid, node.iqn, node.portal});
+    return {0, attempt + "Login to " + session + " successful.\n"};
 }
 
 Outcome LogOff(State& state, const Node& node)
 {
-    const auto session = Find(state.sessions, node);
+    const auto session = FindSession(state, node);
     if (session == state.sessions.end())
         return NotFound("No matching sessions found");
     const std::string name =
@@ -253,13 +196,15 @@ Outcome ReportSessions(const Scene& scene, State& state)
         return NotFound("No active sessions.");
     for (Session& session : state.sessions)
         ++session.looks;
-    AttachDisks(scene, state); // the report shows those that appear at this look
+    AttachDisks(scene, state);              // the report shows those that appear at this look
+    std::map<std::string, Session> inOrder; // as the tool sorts them: 1, 10, 2
+    for (const Session& session : state.sessions)
+        inOrder[std::to_string(session.sid)] = session;
     Outcome outcome;
     std::string lastIqn;
-    for (const Session& session : InReportOrder(state.sessions))
+    for (const auto& [sid, session] : inOrder)
     {
         const std::string portal = FormatPortalAddress(session.portal) + ",1\n";
-        const std::string sid = std::to_string(session.sid);
         if (session.iqn != lastIqn)
             outcome.out += "Target: " + session.iqn + " (non-flash)\n";
         lastIqn = session.iqn;

@@ -7,21 +7,16 @@
 namespace simulated
 {
 
-// A node record, or its session.
-struct Node
-{
-    std::string iqn;
-    PortalAddress portal;
-};
-
 // The portal that `text`, given after -p, names. Only the scene's portals have host names.
 PortalAddress Resolve(const Scene& scene, const std::string& text);
 
+// Nothing is there: the tool's status for that.
+Outcome NotFound(const std::string& words);
+
 Outcome Discover(const Scene& scene, State& state, const PortalAddress& at);
 
-// Node mode.
+// Node mode. DeleteNode and LogOn need the record.
 Outcome ListNodes(const State& state);
-Outcome UpdateNode(State& state, const Node& node, const std::string& name, const std::string& value);
 Outcome DeleteNode(State& state, const Node& node);
 Outcome LogOn(const Scene& scene, State& state, const Node& node);
 Outcome LogOff(State& state, const Node& node);

@@ -1,6 +1,7 @@
 // The scene: what a simulated machine consists of. scenes/demo.json explains every key.
 #pragma once
 
+#include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -87,11 +88,11 @@ struct Fault
     int status = -1;                       // -1: the command's own; otherwise its changes are undone
     std::string output = "{output}";       // {output}: what the command would have printed
     std::string stderrOutput = "{stderr}"; // {stderr} likewise; {secret}: the CHAP secret
+    int pauseMs = 0;                       // how long the tool hangs before it ends
 };
 
 struct Scene
 {
-    std::string sessionExists = "counted";
     int unreachableMs = 300;
     std::vector<std::string> localDisks; // kernel names
     std::vector<Portal> portals;
@@ -107,6 +108,6 @@ struct Scene
 };
 
 // Throws Unusable, which names the file, the key and the mistake.
-Scene ReadScene(const std::string& file);
+Scene ReadScene(const std::filesystem::path& file);
 
 } // namespace simulated

@@ -3,7 +3,6 @@
 
 #include "simulated/Scene.h"
 
-#include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
@@ -11,57 +10,46 @@
 namespace simulated
 {
 
-struct NodeRecord
+// A target at a portal: what a node record is for, and a session leads to.
+struct Node
 {
     std::string iqn;
     PortalAddress portal;
-    std::map<std::string, std::string> settings; // those that somebody has changed
 
-    // Empty if nobody has changed it.
-    std::string Setting(const std::string& name) const
+    // The order of the tool's list.
+    bool operator<(const Node& other) const
     {
-        const auto found = settings.find(name);
-        return found == settings.end() ? "" : found->second;
+        return iqn + ' ' + FormatPortalAddress(portal) <
+               other.iqn + ' ' + FormatPortalAddress(other.portal);
     }
 };
+
+// The settings of a node record that somebody has changed.
+using Settings = std::map<std::string, std::string>;
 
 struct Session
 {
     int sid = 0; // also the number of its SCSI host
     std::string iqn;
     PortalAddress portal;
-    int looks = 0;                    // session reports since the log-on
-    int mpioLooks = 0;                // reports of ehcmcli since the log-on
-    std::map<int, std::string> disks; // LUN -> kernel name, from the moment when the disk appears
+    int looks = 0;                      // session reports since the log-on
+    int mpioLooks = 0;                  // reports of ehcmcli since the log-on
+    std::map<int, std::string> disks{}; // LUN -> kernel name, from the moment when the disk appears
 };
 
 struct State
 {
     int lastSid = 0;
-    std::vector<NodeRecord> nodes;  // sorted by IQN and address, as the tool lists them
+    std::map<Node, Settings> nodes;
     std::vector<Session> sessions;  // in log-on order
     std::map<int, int> faultRuns{}; // index of a fault in the scene -> matching runs so far
 };
 
-// The state file of a folder. Other tools are locked out from construction to destruction. The file is
-// readable for its owner only: node records contain CHAP secrets.
-class StateFile
-{
-public:
-    // Throws Unusable.
-    explicit StateFile(const std::filesystem::path& folder);
-    StateFile(const StateFile&) = delete;
-    StateFile& operator=(const StateFile&) = delete;
-    ~StateFile();
+// A new state if there is no such file. Throws Unusable.
+State ReadState(const std::filesystem::path& file);
 
-    // Replaces the file as a whole. Throws Unusable.
-    void Save() const;
-
-    State state;
-
-private:
-    std::filesystem::path m_file;
-    int m_lock;
-};
+// Replaces the file as a whole; its owner alone may read it: node records contain CHAP secrets. Throws
+// Unusable.
+void WriteState(const std::filesystem::path& file, const State& state);
 
 } // namespace simulated

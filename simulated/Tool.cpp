@@ -3,12 +3,18 @@
 #include "simulated/Devices.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <iterator>
+#include <memory>
 #include <sstream>
 #include <thread>
+
+#include <sys/file.h>
 
 namespace simulated
 {
@@ -47,20 +53,12 @@ const Fault* FindFault(const Scene& scene, State& state, const std::vector<std::
     return first;
 }
 
-// The secret that the command line sets, or else that of the record that it names.
-std::string SecretOf(const std::vector<std::string>& line, const State& state)
+// The CHAP secret of the first node record that has one.
+std::string SecretOf(const State& state)
 {
-    const std::string value = "--value=";
-    for (const std::string& word : line)
-    {
-        if (word.rfind(value, 0) == 0)
-            return word.substr(value.size());
-    }
-    for (const NodeRecord& record : state.nodes)
-    {
-        if (HasWords(line, record.iqn))
-            return record.Setting("node.session.auth.password");
-    }
+    for (const auto& [node, settings] : state.nodes)
+        if (const auto secret = settings.find("node.session.auth.password"); secret != settings.end())
+            return secret->second;
     return "";
 }
 
@@ -80,14 +78,24 @@ Outcome RunUnderFaults(const std::vector<std::string>& line, const Scene& scene,
     if (fault == nullptr)
         return outcome;
     outcome.out = Replaced(fault->output, "{output}", outcome.out);
-    outcome.err = Replaced(Replaced(fault->stderrOutput, "{stderr}", outcome.err), "{secret}",
-                           SecretOf(line, before));
+    outcome.err =
+        Replaced(Replaced(fault->stderrOutput, "{stderr}", outcome.err), "{secret}", SecretOf(state));
+    outcome.pauseMs += fault->pauseMs;
     if (fault->status >= 0)
     {
         outcome.status = fault->status;
         state = before;
     }
     return outcome;
+}
+
+// Keeps other tools away from the state while it is there.
+auto Lock(const std::string& file)
+{
+    std::unique_ptr<FILE, int (*)(FILE*)> lock(std::fopen(file.c_str(), "ae"), std::fclose);
+    if (!lock || flock(fileno(lock.get()), LOCK_EX) != 0)
+        throw Unusable("cannot lock " + file + ": " + std::strerror(errno));
+    return lock;
 }
 
 } // namespace
@@ -99,15 +107,16 @@ try
     std::vector<std::string> line(argv, argv + argc);
     line.front() = name;
     const Scene scene = ReadScene(FromEnvironment("SIMULATED_SCENE"));
-    const std::string folder = FromEnvironment("SIMULATED_STATE");
+    const std::string directory = FromEnvironment("SIMULATED_STATE");
     Outcome outcome;
     {
-        StateFile file(folder);
-        const Devices before = DevicesOf(scene, file.state);
-        outcome = RunUnderFaults(line, scene, file.state, command);
-        AttachDisks(scene, file.state);
-        file.Save();
-        WriteDevices(before, DevicesOf(scene, file.state), folder);
+        const auto lock = Lock(directory + "/lock");
+        State state = ReadState(directory + "/state.json");
+        const Tree before = DevicesOf(scene, state);
+        outcome = RunUnderFaults(line, scene, state, command);
+        AttachDisks(scene, state);
+        WriteState(directory + "/state.json", state);
+        WriteTree(before, DevicesOf(scene, state), directory);
     }
     std::cout << outcome.out << std::flush;
     std::this_thread::sleep_for(std::chrono::milliseconds(outcome.pauseMs));

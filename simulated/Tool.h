@@ -14,11 +14,11 @@ struct Outcome
     int status = 0;
     std::string out{};
     std::string err{};
-    int pauseMs = 0; // between the two, for the network
+    int pauseMs = 0; // between the two
 };
 
 // Runs `command` as the tool `name`. The environment variables SIMULATED_SCENE and SIMULATED_STATE name
-// scene and state folder. `command` gets a locked state, which is saved afterwards.
+// scene and state directory. `command` gets a locked state, which is saved afterwards.
 //
 // Returns the exit status: the command's, or 2 if scene or state cannot be used; then a sentence on
 // standard error says why, and nothing has changed.

@@ -1,19 +1,23 @@
 #include "tests/WatchedHeap.h"
 
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 
 #include <malloc.h>
 
-std::atomic<std::size_t> g_largestBlock{SIZE_MAX};
+std::atomic<long> g_allocationsLeft{LONG_MAX};
+std::atomic<bool> g_staysFull{false};
 std::atomic<const char*> g_secret{nullptr};
 std::atomic<int> g_leaks{0};
 
 // Not inlined: the compiler would see memory of malloc go to operator delete, and warn.
 [[gnu::noinline]] void* operator new(std::size_t size)
 {
-    void* const block = size <= g_largestBlock ? std::malloc(size) : nullptr;
+    const long left = g_allocationsLeft--;
+    const bool isFull = left == 0 || (left < 0 && g_staysFull);
+    void* const block = isFull ? nullptr : std::malloc(size);
     return block != nullptr ? block : throw std::bad_alloc();
 }
 

@@ -1,12 +1,13 @@
-// A heap that searches the memory it is given back. Test programs that link WatchedHeap.cpp get its
-// operator new and operator delete in place of the standard ones.
+// A heap that ends at a chosen allocation, and searches the memory it is given back. Test programs that
+// link WatchedHeap.cpp get its operator new and operator delete in place of the standard ones.
 #pragma once
 
 #include <atomic>
-#include <cstdint>
 
-// Larger blocks are refused with std::bad_alloc.
-extern std::atomic<std::size_t> g_largestBlock;
+// How many allocations succeed before one fails with std::bad_alloc. After that one all succeed again,
+// or none if g_staysFull.
+extern std::atomic<long> g_allocationsLeft;
+extern std::atomic<bool> g_staysFull;
 
 // If not null: looked for in every block that is freed, with its spare room.
 extern std::atomic<const char*> g_secret;

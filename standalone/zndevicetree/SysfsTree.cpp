@@ -1,6 +1,6 @@
 #include "standalone/zndevicetree/SysfsTree.h"
 
-#include "standalone/znlib/TextFile.h"
+#include "standalone/helpers/TextFile.h"
 
 #include <algorithm>
 #include <list>
@@ -34,7 +34,7 @@ std::optional<std::string> ReadMapName(const fs::path& device)
 {
     if (!After("dm-", device.filename()))
         return std::nullopt;
-    const std::optional<std::string> line = znhost::ReadTextFile(device / "dm/name");
+    const std::optional<std::string> line = znlib::ReadTextFile(device / "dm/name");
     return line ? std::optional(line->substr(0, line->find('\n'))) : std::nullopt;
 }
 

@@ -1,21 +1,16 @@
 #include "standalone/znlib/ChildProcess.h"
 
+#include "standalone/znlib/ToolStart.h"
+
 #include <csignal>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <vector>
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
-
-// Another name of clone. The thread sanitizer intercepts clone as a fork, and would lose track of the
-// threads of this process.
-// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the C library's own
-extern "C" int __clone(int (*start)(void*), void* stack, int flags, void* argument, ...) noexcept;
 
 namespace znlib
 {
@@ -23,8 +18,9 @@ namespace znlib
 namespace
 {
 
-// P_PIDFD, defined in the C library from 2.36 on.
+// P_PIDFD and SYS_pidfd_send_signal, which the headers of release 8 do not have.
 constexpr auto kByPidfd = static_cast<idtype_t>(3);
+constexpr long kPidfdSendSignal = 424;
 
 // The result of PIDFD_GET_INFO (Linux 6.13). It includes the status of a reaped process from
 // Linux 6.15.
@@ -79,76 +75,6 @@ std::vector<char*> ToolEnvironment()
     return variables;
 }
 
-// Input and result of BecomeTool.
-struct Start
-{
-    char* const* words;
-    char* const* environment;
-    int streams[3];
-    int error = 0;
-    const char* failure = "cannot start a process";
-};
-
-// The kernel's struct sigaction; all zero is the default action. (The C library's function refuses the
-// two signals that it uses itself.)
-struct KernelAction
-{
-    unsigned long handler, flags, restorer, mask;
-};
-constexpr unsigned long kIgnored = 1;
-
-// Runs in the child, which has its own descriptors and signal actions but shares this process's memory.
-// So it makes system calls only, and is not instrumented: sanitizers would attribute it to this
-// process.
-__attribute__((no_sanitize("address"), no_sanitize("thread"))) int BecomeTool(void* argument)
-{
-    static constexpr KernelAction kDefaultAction{};
-    static constexpr unsigned long kNoSignals[1] = {};
-    Start& start = *static_cast<Start*>(argument);
-    for (int signal = 1; signal < NSIG; ++signal)
-    {
-        KernelAction action{};
-        if (signal == SIGHUP)
-            syscall(SYS_rt_sigaction, signal, nullptr, &action, sizeof kNoSignals);
-        if (action.handler != kIgnored)
-            syscall(SYS_rt_sigaction, signal, &kDefaultAction, nullptr, sizeof kNoSignals);
-    }
-    start.failure = "cannot give it its standard streams";
-    for (int stream = STDIN_FILENO; stream <= STDERR_FILENO && start.error == 0; ++stream)
-    {
-        if (syscall(SYS_dup3, start.streams[stream], stream, 0) < 0)
-            start.error = errno;
-    }
-    if (start.error != 0)
-        return EXIT_FAILURE;
-    closefrom(STDERR_FILENO + 1);
-    syscall(SYS_rt_sigprocmask, SIG_SETMASK, kNoSignals, nullptr, sizeof kNoSignals);
-    start.failure = nullptr;
-    execve(start.words[0], start.words, start.environment);
-    start.error = errno;
-    return EXIT_FAILURE;
-}
-
-// Starts a child as posix_spawn does: it shares this process's memory, and this thread waits, until the
-// child has executed the tool or failed. So the cost does not depend on the size of this process.
-//
-// posix_spawn itself returns no pidfd (pidfd_spawn does, from 2.39 on). Opening one afterwards is too
-// late for a short run in a process that ignores SIGCHLD. Kernels before 5.2 do not set `pidfd`.
-pid_t CloneTool(Start& start, int& pidfd)
-{
-    constexpr int kFlags = CLONE_VM | CLONE_VFORK | CLONE_PIDFD | SIGCHLD;
-    // Small and not initialised: each page that is touched is a page fault in a host that forks.
-    alignas(16) char stack[8192];
-    sigset_t all, before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before); // no handler of this process must run in the child
-    const pid_t pid = __clone(BecomeTool, stack + sizeof stack, kFlags, &start, &pidfd);
-    if (pid < 0)
-        start.error = errno;
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return pid;
-}
-
 // The end of a process that another thread has reaped or is reaping.
 ChildEnd ReadLostEnd(const Descriptor& pidfd)
 {
@@ -173,17 +99,20 @@ ChildEnd ReadLostEnd(const Descriptor& pidfd)
 
 } // namespace
 
-ChildProcess::ChildProcess(char* const* words)
+ChildProcess::ChildProcess(char* const* words, const znhost::RunLimits& limits)
+    : m_mustEnd(limits.timeLimit.has_value())
 {
     const Descriptor input = AboveStandard(
         Descriptor(Checked(open("/dev/null", O_RDONLY | O_CLOEXEC), "cannot open /dev/null")));
     Pipe output = MakePipe();
     Pipe errorOutput = MakePipe();
     std::vector<char*> environment = ToolEnvironment();
-    Start start{
-        words, environment.data(), {input.Get(), output.writeEnd.Get(), errorOutput.writeEnd.Get()}};
+    ToolStart start{words,
+                    environment.data(),
+                    {input.Get(), output.writeEnd.Get(), errorOutput.writeEnd.Get()},
+                    limits.endWithProgram};
     int pidfd = -1;
-    m_pid = CloneTool(start, pidfd);
+    m_pid = StartTool(start, pidfd);
     m_pidfd = Descriptor(pidfd);
     siginfo_t unused{};
     if (m_pidfd.IsOpen() && Wait(unused, WEXITED | WNOHANG | WNOWAIT) != 0 && errno == EINVAL)
@@ -205,32 +134,42 @@ ChildProcess::~ChildProcess()
     // Close the pipes first: a child that is blocked on a full pipe gets SIGPIPE.
     m_output.Close();
     m_errorOutput.Close();
+    if (m_hasEnded)
+        return;
+    if (m_mustEnd)
+        Signal(SIGKILL);
     siginfo_t unused{};
-    if (!m_hasEnded)
-        Uninterrupted([&] { return Wait(unused, WEXITED); });
+    Uninterrupted([&] { return Wait(unused, WEXITED); });
 }
 
 bool ChildProcess::HasEnded()
 {
     if (m_hasEnded)
         return true;
+    // After its end event it may still be a tracer's (strace) for a while.
+    const int options = WEXITED | (m_pidfd.IsOpen() ? 0 : WNOHANG);
     siginfo_t answer{};
-    const bool isAnswered = Uninterrupted([&] { return Wait(answer, WEXITED | WNOHANG); }) == 0;
-    if (isAnswered && answer.si_pid == m_pid)
-    {
-        const bool isKilled = answer.si_code != CLD_EXITED;
-        m_end = {isKilled ? 128 + answer.si_status : answer.si_status, isKilled ? answer.si_status : 0};
-    }
-    else if (!isAnswered && errno == ECHILD)
-        m_end = ReadLostEnd(m_pidfd);
-    else if (m_pidfd.IsOpen())
-        m_end.error = isAnswered ? 0 : errno;
-    else if (isAnswered)
+    const bool isAnswered = Uninterrupted([&] { return Wait(answer, options); }) == 0;
+    if (isAnswered && answer.si_pid == 0)
         return false;
+    const bool isKilled = answer.si_code != CLD_EXITED;
+    if (isAnswered)
+        m_end = {isKilled ? 128 + answer.si_status : answer.si_status, isKilled ? answer.si_status : 0};
+    else if (errno == ECHILD)
+        m_end = ReadLostEnd(m_pidfd);
     else
-        throw std::system_error(errno, std::generic_category(), "cannot wait for its end");
+        m_end.error = errno;
     m_hasEnded = true;
     return true;
+}
+
+void ChildProcess::Signal(int signal) const
+{
+    // By its number only if there is no other way: if another thread reaps it, the number is free.
+    const bool isSent =
+        m_pidfd.IsOpen() && syscall(kPidfdSendSignal, m_pidfd.Get(), signal, nullptr, 0) == 0;
+    if (!isSent)
+        kill(m_pid, signal);
 }
 
 int ChildProcess::Wait(siginfo_t& answer, int options) const

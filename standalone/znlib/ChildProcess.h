@@ -1,7 +1,8 @@
 // A tool that runs as a child process.
 #pragma once
 
-#include "standalone/znlib/Descriptor.h"
+#include "standalone/helpers/Descriptor.h"
+#include "standalone/znlib/ProcessRunner.h"
 
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -14,8 +15,8 @@ struct ChildEnd
 {
     int result = -1; // exit status, 128 plus the signal's number, or -1 if unknown
     int signal = 0;  // the signal that killed it, or 0
-    int error = 0;   // why the result is unknown: ECHILD if this process ignores SIGCHLD or reaps all
-                     // children on another thread; 0 if waitid answered for no child of ours
+    int error = 0;   // errno if the result is unknown: ECHILD if this process ignores SIGCHLD or reaps
+                     // all children on another thread
 };
 
 // The process and the pipes from its two streams.
@@ -30,17 +31,22 @@ public:
     // if this process ignores it (nohup).
     //
     // Throws std::system_error if it cannot be started.
-    explicit ChildProcess(char* const* words);
+    ChildProcess(char* const* words, const znhost::RunLimits& limits);
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
-    // Closes the pipes and waits for the child: no zombie remains after an exception.
+    // Closes the pipes and waits for the child, so that no zombie remains after an exception. With a
+    // time limit, kills it first.
     ~ChildProcess();
 
     // Whether the child has ended; reaps it then. Call this when EndEvent is readable and not before,
     // or repeatedly if EndEvent is closed.
-    //
-    // Throws std::system_error if waiting fails.
     bool HasEnded();
+
+    // Sends `signal` to the child. Call this before HasEnded has returned true.
+    void Signal(int signal) const;
+
+    // Gives up waiting for a child that even SIGKILL does not end. It stays a zombie of this process.
+    void Abandon() { m_hasEnded = true; }
 
     // Valid after HasEnded has returned true.
     const ChildEnd& End() const { return m_end; }
@@ -59,6 +65,7 @@ private:
     Descriptor m_errorOutput;
     pid_t m_pid = 0;
     Descriptor m_pidfd;
+    bool m_mustEnd;
     bool m_hasEnded = false;
     ChildEnd m_end;
 };

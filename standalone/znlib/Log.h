@@ -23,7 +23,8 @@ struct LogEntry
 // true, also if the log file does not show it. `wants` is called before the line is formatted. If taps
 // are nested, only the innermost is called.
 //
-// Both functions run on the writing thread, inside the log call. They must not write to the log.
+// Both functions run on the writing thread, inside the log call. A line that they write themselves
+// reaches the file, but no tap. They must not throw; a std::bad_alloc loses the line.
 class LogTap
 {
 public:
@@ -47,7 +48,7 @@ private:
 // Writes the lines that this thread has buffered to the file. The log does this itself before a tool is
 // started, before a pause, at every error, and when the thread's outermost log object is destroyed.
 // Call it before any other wait while a log object is open. Thread-safe.
-void FlushLog();
+void FlushLog() noexcept;
 
 // The settings of this process's log.
 struct LogSettings

@@ -1,6 +1,6 @@
 #include "standalone/znlib/LogFile.h"
 
-#include "standalone/znlib/Descriptor.h"
+#include "standalone/helpers/Descriptor.h"
 
 #include <array>
 #include <atomic>
@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdio>
 #include <ctime>
+#include <new>
 
 #include <fcntl.h>
 #include <linux/magic.h>
@@ -29,13 +30,22 @@ struct OpenFile
     std::string path;      // after following symbolic links
 };
 
-Descriptor OpenToAppend(const std::string& path, int furtherFlags)
+// The file's type is looked at before it is opened: opening a block device has effects. `linkFlag` is 0
+// to follow a symbolic link at the end of `path`.
+Descriptor OpenToAppend(const std::string& path, int linkFlag)
 {
     // O_NONBLOCK: opening a FIFO without a reader must not block.
     constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
     // Only for its owner: the log names hosts, targets and CHAP users.
     constexpr mode_t kMode = 0600;
-    return Descriptor(open(path.c_str(), kFlags | furtherFlags, kMode));
+    FileStatus status{};
+    const bool isThere = (linkFlag == 0 ? stat : lstat)(path.c_str(), &status) == 0;
+    if (isThere && S_ISBLK(status.st_mode))
+    {
+        errno = ENOTBLK;
+        return Descriptor();
+    }
+    return Descriptor(open(path.c_str(), kFlags | linkFlag, kMode));
 }
 
 // The target of the symbolic link `path`; empty, with errno set, if it must not be followed.
@@ -91,7 +101,7 @@ bool IsFullWith(const FileStatus& file, std::size_t addition, unsigned long long
 
 // Renames the file to PATH.1 under its lock, unless another process holds the lock or has just renamed
 // it. Returns 0 or an errno value.
-int SetAside(const OpenFile& full)
+int Rotate(const OpenFile& full)
 {
     if (Uninterrupted([&] { return flock(full.descriptor.Get(), LOCK_EX | LOCK_NB); }) != 0)
         return errno == EWOULDBLOCK ? 0 : errno;
@@ -103,33 +113,34 @@ int SetAside(const OpenFile& full)
     return isOurs && std::rename(full.path.c_str(), (full.path + ".1").c_str()) != 0 ? errno : 0;
 }
 
-// During its lifetime, writing to a pipe without a reader fails and raises no signal.
-class SigpipeBlock
+// During its lifetime, a write to a pipe without a reader, or beyond the limit of this process for
+// files, fails and raises no signal.
+class WriteSignalBlock
 {
 public:
-    SigpipeBlock()
+    WriteSignalBlock()
     {
         sigset_t pending;
         sigpending(&pending);
-        m_wasPending = sigismember(&pending, SIGPIPE) == 1;
-        sigemptyset(&m_sigpipe);
-        sigaddset(&m_sigpipe, SIGPIPE);
-        pthread_sigmask(SIG_BLOCK, &m_sigpipe, &m_before);
+        for (const int signal : {SIGPIPE, SIGXFSZ})
+        {
+            if (sigismember(&pending, signal) == 0)
+                sigaddset(&m_raised, signal);
+        }
+        pthread_sigmask(SIG_BLOCK, &m_raised, &m_before);
     }
-    SigpipeBlock(const SigpipeBlock&) = delete;
-    SigpipeBlock& operator=(const SigpipeBlock&) = delete;
-    ~SigpipeBlock()
+    WriteSignalBlock(const WriteSignalBlock&) = delete;
+    WriteSignalBlock& operator=(const WriteSignalBlock&) = delete;
+    ~WriteSignalBlock()
     {
         const timespec now{};
-        if (!m_wasPending)
-            sigtimedwait(&m_sigpipe, nullptr, &now); // consumes the signal of a failed write
+        sigtimedwait(&m_raised, nullptr, &now); // consumes the signal of a failed write
         pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
     }
 
 private:
-    sigset_t m_sigpipe{};
+    sigset_t m_raised{}; // by a write in the meantime
     sigset_t m_before{};
-    bool m_wasPending = false;
 };
 
 // Returns how many bytes could not be written; errno has the reason.
@@ -153,45 +164,42 @@ std::atomic<bool> g_cutShort{false};
 // Writes with one call, so that lines of several processes do not mix. Returns 0 or an errno value.
 int WriteLines(int descriptor, std::string_view lines)
 {
-    const bool wasCutShort = g_cutShort.exchange(false);
-    const std::string separated = wasCutShort ? '\n' + std::string(lines) : "";
-    const std::string_view text = wasCutShort ? separated : lines;
-    const std::size_t left = WriteAll(descriptor, text);
-    if (left == 0)
-        return 0;
-    const int error = errno;
-    g_cutShort = wasCutShort || left < text.size();
-    return error;
-}
-
-int WriteLinesWithoutSigpipe(int descriptor, std::string_view lines)
-{
-    const SigpipeBlock block;
-    return WriteLines(descriptor, lines);
+    const WriteSignalBlock block;
+    if (g_cutShort && WriteAll(descriptor, "\n") > 0)
+        return errno;
+    const std::size_t left = WriteAll(descriptor, lines);
+    g_cutShort = left > 0 && left < lines.size();
+    return left == 0 ? 0 : errno;
 }
 
 } // namespace
 
-int znlib::AppendLines(const std::string& path, std::string_view lines, unsigned long long maxSizeBytes)
+int znlib::AppendLines(const char* path, std::string_view lines,
+                       unsigned long long maxSizeBytes) noexcept
+try
 {
-    if (path == "-")
-        return WriteLinesWithoutSigpipe(STDERR_FILENO, lines);
-
-    OpenFile log = OpenLog(path);
-    FileStatus file{};
-    if (!log.descriptor.IsOpen() || fstat(log.descriptor.Get(), &file) != 0)
-        return errno;
-    if (!S_ISREG(file.st_mode))
-        return WriteLinesWithoutSigpipe(log.descriptor.Get(), lines);
-    int error = 0;
-    if (IsFullWith(file, lines.size(), maxSizeBytes))
-    {
-        // If the file cannot be renamed, it continues to grow; no line is lost.
-        error = SetAside(log);
+    const bool isStandardError = path == std::string_view("-");
+    OpenFile log;
+    if (!isStandardError)
         log = OpenLog(path);
-        if (!log.descriptor.IsOpen())
-            return errno;
-    }
+    FileStatus file{};
+    const int descriptor = isStandardError ? STDERR_FILENO : log.descriptor.Get();
+    if (descriptor < 0 || fstat(descriptor, &file) != 0)
+        return errno;
+    if (S_ISBLK(file.st_mode))
+        return ENOTBLK;
+    if (isStandardError || !IsFullWith(file, lines.size(), maxSizeBytes))
+        return WriteLines(descriptor, lines);
+
+    // If the file cannot be renamed, it continues to grow; no line is lost.
+    const int error = Rotate(log);
+    log = OpenLog(path);
+    if (!log.descriptor.IsOpen())
+        return errno;
     const int writeError = WriteLines(log.descriptor.Get(), lines);
     return writeError != 0 ? writeError : error;
+}
+catch (const std::bad_alloc&)
+{
+    return ENOMEM;
 }

@@ -4,7 +4,6 @@
 // without losing lines.
 #pragma once
 
-#include <string>
 #include <string_view>
 
 namespace znlib
@@ -16,9 +15,10 @@ namespace znlib
 // or remove it.
 //
 // Follows symbolic links of root and of this process's user only; others are an error (ELOOP). Blocks
-// on standard error only. Does not raise SIGPIPE.
+// on standard error only. Raises no signal.
 //
-// Returns 0 or an errno value. Safe among threads and processes.
-int AppendLines(const std::string& path, std::string_view lines, unsigned long long maxSizeBytes);
+// Returns 0 or an errno value: ENOTBLK for a block device, which is neither opened nor written to. Safe
+// among threads and processes.
+int AppendLines(const char* path, std::string_view lines, unsigned long long maxSizeBytes) noexcept;
 
 } // namespace znlib

@@ -1,8 +1,8 @@
 #include "standalone/znlib/OsDetector.h"
 
 #include "host/EvDebug.h"
-#include "host/ServedHost.h"
-#include "standalone/znlib/TextFile.h"
+#include "host/ServedMachine.h"
+#include "standalone/helpers/TextFile.h"
 
 #include <algorithm>
 #include <charconv>
@@ -57,8 +57,10 @@ OperatingSystem ParseOsRelease(const std::string& text)
         std::istringstream value(line.substr(equals + 1));
         value >> std::quoted(values[line.substr(0, equals)], value.peek() == '\'' ? '\'' : '"');
     }
-    return {IsRedHatFamily(values["ID"], values["ID_LIKE"]) ? kRedHatFamily : 0,
-            MajorRelease(values["VERSION_ID"])};
+    const std::string& version = values["VERSION_ID"];
+    const std::string& name = values[values["NAME"].empty() ? "ID" : "NAME"];
+    return {IsRedHatFamily(values["ID"], values["ID_LIKE"]) ? kRedHatFamily : 0, MajorRelease(version),
+            name + (version.empty() ? "" : ' ' + version)};
 }
 
 // Red Hat Enterprise Linux Server release 5.11 (Tikanga)
@@ -68,8 +70,8 @@ OperatingSystem ParseRedHatRelease(const std::string& text)
     const std::string line = text.substr(0, text.find('\n'));
     const std::size_t at = line.find(marker);
     if (at == std::string::npos)
-        return {};
-    return {kRedHatFamily, MajorRelease(line.substr(at + marker.size()))};
+        return {0, 0, line};
+    return {kRedHatFamily, MajorRelease(line.substr(at + marker.size())), line};
 }
 
 // Other threads read the globals without a lock after their own call of the detector. So a value is
@@ -89,10 +91,10 @@ OperatingSystem znhost::ReadOperatingSystem(const std::filesystem::path& root)
 {
     for (const char* const name : {"etc/os-release", "usr/lib/os-release"})
     {
-        if (const std::optional<std::string> text = ReadTextFile(root / name))
+        if (const std::optional<std::string> text = znlib::ReadTextFile(root / name))
             return ParseOsRelease(*text);
     }
-    return ParseRedHatRelease(ReadTextFile(root / "etc/redhat-release").value_or(""));
+    return ParseRedHatRelease(znlib::ReadTextFile(root / "etc/redhat-release").value_or(""));
 }
 
 void detectOSType()

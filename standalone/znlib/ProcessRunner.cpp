@@ -1,43 +1,41 @@
+#include "standalone/znlib/ProcessRunner.h"
+
 #include "host/Wipe.h"
 #include "host/ZnProcess.h"
+#include "standalone/znlib/Capture.h"
 #include "standalone/znlib/ChildProcess.h"
 #include "standalone/znlib/Log.h"
 
 #include <algorithm>
-#include <cstring>
+#include <atomic>
 #include <exception>
 #include <stdexcept>
+#include <string_view>
 #include <system_error>
 #include <vector>
-
-#include <fcntl.h>
-#include <poll.h>
-#include <pthread.h>
-#include <sys/ioctl.h>
-
-using znlib::Checked;
-using znlib::ChildEnd;
-using znlib::ChildProcess;
-using znlib::Descriptor;
-using znlib::Uninterrupted;
 
 namespace
 {
 
+using std::chrono::milliseconds;
+using znhost::RunLimits;
+using znlib::ChildEnd;
+using znlib::ChildProcess;
+
 // Result of a run without exit status; the error output has the reason.
 constexpr int kFailedRun = -1;
 
-// Grows the capacity to `size`, at least by a factor of two. Output may contain a secret, so the old
-// buffer is wiped before it is freed.
-void ReserveWiping(std::string& text, size_t size)
+constexpr milliseconds::rep kNoLimit = -1;
+std::atomic<bool> g_endWithProgram{false};
+std::atomic<milliseconds::rep> g_timeLimitMs{kNoLimit};
+
+RunLimits CurrentLimits()
 {
-    if (size <= text.capacity())
-        return;
-    std::string grown;
-    grown.reserve(std::max(size, 2 * text.capacity()));
-    grown.append(text);
-    Wipe(text);
-    text.swap(grown);
+    RunLimits limits;
+    limits.endWithProgram = g_endWithProgram;
+    if (const milliseconds::rep timeLimitMs = g_timeLimitMs; timeLimitMs != kNoLimit)
+        limits.timeLimit = milliseconds(timeLimitMs);
+    return limits;
 }
 
 // A command line, split at spaces. There are no empty words. The line may contain a secret, so it is
@@ -46,8 +44,12 @@ class Words
 {
 public:
     // A null `line` is an empty line.
-    explicit Words(const char* line) : m_line(line == nullptr ? "" : line)
+    explicit Words(const char* line)
     {
+        const std::string_view text = line == nullptr ? "" : line;
+        // All memory before the copy: a constructor that throws runs no destructor that wipes it.
+        m_words.reserve(static_cast<size_t>(std::count(text.begin(), text.end(), ' ')) + 2);
+        m_line = text;
         char* const end = m_line.data() + m_line.size();
         for (char* word = m_line.data(); word != end;)
         {
@@ -73,82 +75,13 @@ private:
     std::vector<char*> m_words;
 };
 
-// Defers a cancellation of this thread to the end of the run.
-class CancellationPause
+// 2500 ms: "TOOL: did not end within 2.5 s"
+std::string DescribeDelay(const std::string& tool, milliseconds limit)
 {
-public:
-    CancellationPause() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_before); }
-    CancellationPause(const CancellationPause&) = delete;
-    CancellationPause& operator=(const CancellationPause&) = delete;
-    ~CancellationPause() { pthread_setcancelstate(m_before, nullptr); }
-
-private:
-    int m_before = PTHREAD_CANCEL_ENABLE;
-};
-
-// How many bytes `pipe` contains.
-size_t CountThere(const Descriptor& pipe)
-{
-    int count = 0;
-    Checked(ioctl(pipe.Get(), FIONREAD, &count), "cannot read its output");
-    return static_cast<size_t>(count);
-}
-
-// Appends the bytes of one read from `pipe` to `text` and returns their number. Blocks while the pipe
-// is empty. Closes the pipe at its end.
-size_t ReadSome(Descriptor& pipe, std::string& text)
-{
-    constexpr size_t kFullPipe = 65536;
-    constexpr int kLargePipe = 1 << 20;
-    // Read directly into `text`: an intermediate buffer would have to be touched and wiped.
-    const size_t before = text.size();
-    const size_t wanted = std::max<size_t>(CountThere(pipe), 1);
-    ReserveWiping(text, before + wanted);
-    text.resize(before + wanted);
-    const auto count = Uninterrupted([&] { return read(pipe.Get(), &text[before], wanted); });
-    text.resize(before + static_cast<size_t>(std::max<ssize_t>(count, 0)));
-    if (Checked(count, "cannot read its output") == 0)
-        pipe.Close();
-    // A larger pipe saves context switches between this process and a tool with much output.
-    else if (wanted == kFullPipe)
-        static_cast<void>(fcntl(pipe.Get(), F_SETPIPE_SZ, kLargePipe));
-    return text.size() - before;
-}
-
-// Appends what `pipe` contains now. A daemon that the tool left behind may write for ever.
-void ReadRest(Descriptor& pipe, std::string& text)
-{
-    const size_t wanted = text.size() + (pipe.IsOpen() ? CountThere(pipe) : 0);
-    while (text.size() < wanted && ReadSome(pipe, text) > 0)
-    {
-    }
-}
-
-// Reads both streams until `child` has ended. The end of the pipes is not awaited: a daemon that the
-// tool left behind may keep them open.
-void CaptureUntilEnd(ChildProcess& child, std::string& output, std::string& errorOutput)
-{
-    constexpr int kMaxPauseMs = 50;
-    int pauseMs = 1; // for kernels without an event for the child's end
-    for (bool hasEnded = false; !hasEnded;)
-    {
-        pollfd events[] = {{child.Output().Get(), POLLIN, 0},
-                           {child.ErrorOutput().Get(), POLLIN, 0},
-                           {child.EndEvent().Get(), POLLIN, 0}};
-        const int timeoutMs = child.EndEvent().IsOpen() ? -1 : pauseMs;
-        // EINTR ends the pause too: restarted after each signal, it might never end.
-        if (poll(events, std::size(events), timeoutMs) < 0 && errno != EINTR)
-            throw std::system_error(errno, std::generic_category(), "cannot wait for its end");
-        if (events[0].revents != 0)
-            ReadSome(child.Output(), output);
-        if (events[1].revents != 0)
-            ReadSome(child.ErrorOutput(), errorOutput);
-        if (events[2].revents != 0 || !child.EndEvent().IsOpen())
-            hasEnded = child.HasEnded();
-        pauseMs = std::min(2 * pauseMs, kMaxPauseMs);
-    }
-    ReadRest(child.Output(), output);
-    ReadRest(child.ErrorOutput(), errorOutput);
+    std::string fraction = std::to_string(1000 + limit.count() % 1000);
+    fraction.front() = '.';
+    fraction.erase(fraction.find_last_not_of("0.") + 1);
+    return tool + ": did not end within " + std::to_string(limit.count() / 1000) + fraction + " s";
 }
 
 // The sentence for a failure that the tool itself has not explained; else empty.
@@ -165,8 +98,7 @@ std::string DescribeEnd(const std::string& tool, const ChildEnd& end, const std:
     const std::string unknown = "cannot tell the exit status of " + tool + ": ";
     if (end.error == ECHILD)
         return unknown + "taken away by this process, which ignores SIGCHLD or reaps every child";
-    return unknown + (end.error == 0 ? "the kernel's answer was about no child of this process"
-                                     : std::generic_category().message(end.error));
+    return unknown + std::generic_category().message(end.error);
 }
 
 void AppendLine(std::string& text, const std::string& line)
@@ -180,20 +112,28 @@ int Run(const Words& words, std::string& output, std::string& errorOutput)
 {
     if (*words.Tool() != '/')
         throw std::invalid_argument("not a full path");
-    ChildProcess child(words.All());
-    CaptureUntilEnd(child, output, errorOutput);
-    const std::string sentence = DescribeEnd(words.Tool(), child.End(), output, errorOutput);
+    const RunLimits limits = CurrentLimits();
+    ChildProcess child(words.All(), limits);
+    const bool isInTime = CaptureUntilEnd(child, limits.timeLimit, output, errorOutput);
+    const std::string sentence = isInTime ? DescribeEnd(words.Tool(), child.End(), output, errorOutput)
+                                          : DescribeDelay(words.Tool(), *limits.timeLimit);
     if (!sentence.empty())
         AppendLine(errorOutput, sentence);
-    return child.End().result;
+    return isInTime ? child.End().result : kFailedRun;
 }
 
 } // namespace
 
+void znhost::LimitRuns(const RunLimits& limits)
+{
+    g_endWithProgram = limits.endWithProgram;
+    g_timeLimitMs =
+        limits.timeLimit ? std::max<milliseconds::rep>(0, limits.timeLimit->count()) : kNoLimit;
+}
+
 int ZnProcess::system(const char* command, std::string* output, std::string* errorOutput,
                       int /*reserved*/, bool /*reserved*/)
 {
-    const CancellationPause pause;
     znhost::FlushLog(); // if the tool hangs, its command line is in the file
     Wipe(*output);
     Wipe(*errorOutput);

@@ -2,8 +2,8 @@
 
 #include "host/EvDebug.h"
 #include "host/ZNPlatformInfo.h"
-#include "standalone/znlib/Text.h"
-#include "standalone/znlib/TextFile.h"
+#include "standalone/helpers/Text.h"
+#include "standalone/helpers/TextFile.h"
 
 // Boost's parser: the small C libraries truncate long lines and section names, and cut a comment at "
 // ;" also inside quotes.
@@ -90,7 +90,7 @@ std::optional<std::string> znhost::ReadRegistryValue(const std::string& section,
     const std::string file = RegistryFile();
     try
     {
-        const std::string text = ReadTextFile(file).value_or("");
+        const std::string text = znlib::ReadTextFile(file).value_or("");
         if (text.find('\0') != std::string::npos)
             throw std::runtime_error("cannot read " + file + ": not a text file");
         const std::string value =
@@ -141,7 +141,7 @@ bool ZNPlatformInfo::getRegInt(const char* section, const char* key, int* value)
     const std::optional<std::string> text = ReadOrLog(kTag, section, key);
     if (!text)
         return false;
-    const std::optional<int> number = znhost::ParseNumber<int>(*text);
+    const std::optional<int> number = znlib::ParseNumber<int>(*text);
     if (!number)
     {
         LogUnfit(kTag, section, key, "\"" + *text + "\" is not a decimal number of 32 bits");

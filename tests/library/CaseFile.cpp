@@ -67,11 +67,22 @@ std::vector<Statement> ParseStatements(const std::vector<Line>& lines)
     for (const auto& [number, text] : lines)
     {
         if (text.compare(0, 2, "  ") == 0)
-            statements.back().transcript += text.substr(2) + '\n';
+        {
+            Statement& call = statements.back();
+            if (call.words[0] == "ask")
+                call.expected.back() = ' ';
+            call.expected += text.substr(2) + '\n';
+        }
         else if (text.front() == '|')
             *statements.back().words.back() += Unescaped(text.substr(1)) + '\n';
+        else if (text.compare(0, 4, "ask ") == 0)
+        {
+            const std::size_t answer = text.rfind(" = ");
+            statements.push_back(
+                {number, ParseWords(text.substr(0, answer)), text.substr(answer + 1) + '\n'});
+        }
         else
-            statements.push_back({number, ParseWords(text), {}});
+            statements.push_back({number, ParseWords(text), ""});
     }
     return statements;
 }

@@ -4,9 +4,10 @@
 //   missing /usr/sbin/ehcmcli
 //
 //   # The case runs once for each "with" row; $1, $2, ... are the words of the row.
-//   case another host is refused
+//   case another machine is refused
 //   with RefreshiSCSITargetPortal "192.0.2.10"
 //   with LogOnToiSCSITarget "192.0.2.10 iqn:a"
+//   ask AddiSCSITargetPortal null = 0
 //   os 1 4
 //   call $1 $2
 //   os 0 7
@@ -20,9 +21,10 @@
 // pointer; @NAME is the text of the data file NAME; | is the text of the following lines that begin
 // with |, including their line ends. Quoted words and such lines know the escapes \n, \r, \t and \\.
 //
-// Lines indented by two blanks are the transcript of the call before them, and of earlier calls without
-// a transcript of their own: everything that happens, then the result. "ask" instead of "call" expects
-// the result only; "nulls" repeats the call with a null pointer in place of each argument in turn.
+// "ask" expects the answer behind " = ", continued on lines indented by two blanks. "call" expects
+// everything that happens, then the answer: the indented lines below it, or below a later call. "why"
+// expects of everything the log lines of level -1. "nulls" is a "call" that is repeated with a null
+// pointer in place of each argument in turn.
 #pragma once
 
 #include <optional>
@@ -35,7 +37,7 @@ struct Statement
 {
     int line = 0;
     std::vector<Word> words;
-    std::string transcript;
+    std::string expected;
 };
 
 struct Case

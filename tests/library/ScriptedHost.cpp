@@ -72,18 +72,12 @@ void WriteLine(const std::string& level, const std::string& tag, const char* for
     g_host.Happened(level + ' ' + tag + ": " + Escaped(text.data()));
 }
 
-const ScriptedDevice& FindScripted(const char* path)
-{
-    static const ScriptedDevice none;
-    const auto device = g_host.devices.find(path);
-    return device == g_host.devices.end() ? none : device->second;
-}
-
 // The value of `key` in `section`, or null. Records the look-up.
 const std::string* FindSetting(const char* section, const char* key)
 {
     const std::string name = std::string(section) + ' ' + key;
     g_host.Happened("read " + name);
+    ++g_host.reads;
     const auto value = g_host.settings.find(name);
     return value == g_host.settings.end() ? nullptr : &value->second;
 }
@@ -156,9 +150,11 @@ void ZNPI_PlatformBase::setFocus(const char* focus)
     g_host.Focused(m_focus);
 }
 
-int ZnProcess::system(const char* command, std::string* output, std::string* errorOutput, int, bool)
+int ZnProcess::system(const char* command, std::string* output, std::string* errorOutput, int number,
+                      bool flag)
 {
     g_host.Ran(command);
+    EXPECT_TRUE(number == 0 && !flag) << "reserved arguments";
     // What an earlier run left there may repeat a secret.
     EXPECT_TRUE(output->empty() && errorOutput->empty()) << "not wiped before the next run";
     if (g_host.runs.empty())
@@ -193,8 +189,15 @@ void detectOSType()
     g_iOsVersion = g_host.osVersion;
 }
 
-ZNPlatformInfo::ZNPlatformInfo() = default;
-ZNPlatformInfo::~ZNPlatformInfo() = default;
+ZNPlatformInfo::ZNPlatformInfo()
+{
+    EXPECT_EQ(std::exchange(g_host.reads, 0), -1) << "another reader is open";
+}
+
+ZNPlatformInfo::~ZNPlatformInfo()
+{
+    EXPECT_EQ(std::exchange(g_host.reads, -1), 1) << "one reader, one read";
+}
 
 std::string ZNPlatformInfo::getSectionName(const char* name, const char* subName)
 {
@@ -204,18 +207,21 @@ std::string ZNPlatformInfo::getSectionName(const char* name, const char* subName
 int ZNPlatformInfo::getString(const char* section, const char* key, char* buffer, int bufferSize)
 {
     const std::string* const value = FindSetting(section, key);
-    if (value == nullptr || value->size() >= static_cast<std::size_t>(bufferSize))
+    if (value == nullptr)
         return 0;
-    std::copy_n(value->c_str(), value->size() + 1, buffer);
+    // A value that is too long fills the buffer: no terminating zero.
+    std::copy_n(value->c_str(), std::min(value->size() + 1, static_cast<std::size_t>(bufferSize)),
+                buffer);
     return 7; // any value but 0 means found
 }
 
 bool ZNPlatformInfo::getRegInt(const char* section, const char* key, int* value)
 {
     const std::string* const stored = FindSetting(section, key);
-    if (stored != nullptr)
-        *value = std::stoi(*stored);
-    return stored != nullptr;
+    if (stored == nullptr)
+        return false;
+    *value = std::stoi(*stored);
+    return stored->back() != '?'; // a reader may store a value that it does not report
 }
 
 void HXSLEEP_InTeRnAl(unsigned long milliseconds, const char* file, int line)
@@ -227,8 +233,9 @@ void HXSLEEP_InTeRnAl(unsigned long milliseconds, const char* file, int line)
 SP<ZnDevice> ZnDeviceTree::getDevice(const char* path, CHxError* error)
 {
     EXPECT_NE(error, nullptr);
+    g_host.treeError = error;
     g_host.Happened(std::string("device ") + path);
-    const ScriptedDevice& device = FindScripted(path);
+    const ScriptedDevice& device = g_host.devices[path];
     std::list<SP<ZnDevice>> children;
     for (const std::string& child : device.children)
         children.emplace_back(new ZnDevice(child, {}));
@@ -237,29 +244,22 @@ SP<ZnDevice> ZnDeviceTree::getDevice(const char* path, CHxError* error)
 
 SP<ZnDevice> ZnDeviceTree::getParentDevice(const char* path, CHxError* error)
 {
-    EXPECT_NE(error, nullptr);
+    EXPECT_EQ(error, g_host.treeError) << "not the error object of the other look-up";
     g_host.Happened(std::string("parent ") + path);
-    const std::string& parent = FindScripted(path).parent;
+    const std::string& parent = g_host.devices[path].parent;
     return parent.empty() ? nullptr : new ZnDevice(parent, {});
 }
 
 Instance MakeInstance()
 {
-    ScriptedHost setUp = std::exchange(g_host, {});
+    g_host = {};
     Instance made(static_cast<ZnISCSILinuxRedhat*>(GetInstance()));
-    g_host = std::move(setUp);
+    g_host = {};
     return made;
 }
 
 std::string Escaped(const std::string& text)
 {
-    static const std::map<char, std::string> escapes{
-        {'\n', "\\n"}, {'\r', "\\r"}, {'\t', "\\t"}, {'\0', "\\0"}, {'\\', "\\\\"}};
-    std::string escaped;
-    for (const char character : text)
-    {
-        const auto escape = escapes.find(character);
-        escaped += escape == escapes.end() ? std::string(1, character) : escape->second;
-    }
-    return escaped;
+    const std::string quoted = testing::PrintToString(text);
+    return quoted.substr(1, quoted.size() - 2);
 }

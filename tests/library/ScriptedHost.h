@@ -37,6 +37,8 @@ public:
     std::map<std::string, std::string> settings; // by "SECTION KEY"
     std::map<std::string, ScriptedDevice> devices;
     std::set<std::string> hiddenTags; // of log lines that are not recorded
+    int reads = -1;                   // of the registry's open reader; -1: none is open
+    const void* treeError = nullptr;  // given to the last look-up of a device
 
     // Everything that happened, one line each, indented by one blank for each open context. Texts and
     // commands are escaped:
@@ -57,7 +59,7 @@ private:
     bool m_isOpening = false; // nothing has happened since the last context opened
 };
 
-// The host that the services act on. Each test resets it.
+// The host that the services act on.
 extern ScriptedHost g_host;
 
 struct ReleaseStorage
@@ -66,8 +68,8 @@ struct ReleaseStorage
 };
 using Instance = std::unique_ptr<ZnISCSILinuxRedhat, ReleaseStorage>;
 
-// Returns an instance as a served host gets it. Does not change g_host.
+// Returns an instance as a served machine gets it, and resets g_host.
 Instance MakeInstance();
 
-// Returns `text` on one line: with \n, \r, \t, \0 and \\ for these characters.
+// Returns `text` on one line: with \n, \r, \t, \0, \" and \\ for these characters.
 std::string Escaped(const std::string& text);

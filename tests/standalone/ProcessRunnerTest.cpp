@@ -1,3 +1,6 @@
+// The process runner on hosts and kernels of many kinds.
+#include "standalone/znlib/ProcessRunner.h"
+
 #include "host/ZnProcess.h"
 
 #include <gtest/gtest.h>
@@ -6,11 +9,10 @@
 #include <atomic>
 #include <csignal>
 #include <cstddef>
-#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
-#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -33,7 +35,38 @@ namespace
 std::atomic<bool> g_isInherited{false};
 std::atomic<bool> g_seesEndOnly{false};
 
+// The clock of a host with a time limit. Each wait in which the tool does something takes a
+// millisecond. Other waits last until it does; only after an error that it has written, the next wait
+// takes as long as it may.
+std::atomic<bool> g_isTimed{false};
+std::atomic<long> g_nowMs{1};
+std::atomic<int> g_longWaits{0};
+
+int WaitTimed(pollfd* files, nfds_t count, int timeoutMs)
+{
+    const timespec none{};
+    const int ready = ppoll(files, count, g_longWaits > 0 ? &none : nullptr, nullptr);
+    if (ready > 0)
+        ++g_nowMs;
+    if (ready > 0 && (files[1].revents & POLLIN) != 0)
+        g_longWaits = std::max<int>(g_longWaits, 1);
+    if (ready == 0)
+    {
+        g_nowMs += timeoutMs;
+        --g_longWaits;
+    }
+    return ready;
+}
+
 } // namespace
+
+extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept
+{
+    if (!g_isTimed)
+        return static_cast<int>(syscall(SYS_clock_gettime, clock, time));
+    *time = {g_nowMs / 1000, g_nowMs % 1000 * 1'000'000};
+    return 0;
+}
 
 // The runner waits for its pipes and the end of its child. No other child of this process may inherit
 // these descriptors. (Under another name, since the system's header may define this one.)
@@ -48,6 +81,8 @@ extern "C" int WatchedPoll(pollfd* files, nfds_t count, int timeoutMs)
         if (g_seesEndOnly && i + 1 < count)
             files[i].fd = -1;
     }
+    if (g_isTimed)
+        return WaitTimed(files, count, timeoutMs);
     const timespec timeout{timeoutMs / 1000, timeoutMs % 1000 * 1'000'000L};
     return ppoll(files, count, timeoutMs < 0 ? nullptr : &timeout, nullptr);
 }
@@ -97,19 +132,26 @@ bool HasChildren()
 
 // Lines
 
-struct LineCase
+// A row of a table.
+struct Row
 {
     const char* name;
+};
+
+std::ostream& operator<<(std::ostream& stream, const Row& row)
+{
+    return stream << row.name;
+}
+
+constexpr auto kNameOf = [](const auto& info) { return std::string(info.param.name); };
+
+struct LineCase : Row
+{
     const char* command;
     int result;
     const char* output;
     const char* errorOutput;
 };
-
-void PrintTo(const LineCase& line, std::ostream* stream)
-{
-    *stream << line.name;
-}
 
 class CommandLine : public testing::TestWithParam<LineCase>
 {
@@ -144,6 +186,8 @@ INSTANTIATE_TEST_SUITE_P(
                  "bye\n" RUNNER_CHILD ": killed by signal 15"},
         LineCase{"SignalAfterALine", RUNNER_CHILD " signal 15 bye\n", 143, "",
                  "bye\n" RUNNER_CHILD ": killed by signal 15"},
+        LineCase{"Traced", RUNNER_CHILD " traced", 5, "",
+                 RUNNER_CHILD ": ended with exit status 5 and said nothing"},
         LineCase{"MissingTool", "/no/such/tool secret", -1, "",
                  "cannot run /no/such/tool: No such file or directory"},
         LineCase{"NotExecutable", "/etc/passwd secret", -1, "",
@@ -151,18 +195,25 @@ INSTANTIATE_TEST_SUITE_P(
         LineCase{"NotAFullPath", "true secret", -1, "", "cannot run true: not a full path"},
         LineCase{"NoWord", "  ", -1, "", "cannot run a tool: the command line is empty"},
         LineCase{"NoLine", nullptr, -1, "", "cannot run a tool: the command line is empty"}),
-    [](const auto& row) { return row.param.name; });
+    kNameOf);
 
 // Hosts and kernels
 
-// Makes the kernel answer `error` to `call` from now on, if the call's argument `index` is `value`.
-void Refuse(unsigned call, unsigned index, unsigned value, unsigned error)
+constexpr unsigned kCloseRange = 436;      // SYS_close_range
+constexpr unsigned kPidfdSendSignal = 424; // SYS_pidfd_send_signal
+constexpr unsigned kPidfdGetInfo = 0xC040FF0B;
+constexpr unsigned kByPidfd = 3; // P_PIDFD
+
+// Makes the kernel answer `error` to `call` from now on, if the `bits` of its argument `index` are
+// `value`. Without further arguments: always.
+void Refuse(unsigned call, unsigned error, unsigned index = 0, unsigned value = 0, unsigned bits = 0)
 {
-    const auto argument =
-        static_cast<unsigned>(offsetof(seccomp_data, args) + sizeof(std::uint64_t) * index);
+    constexpr unsigned kLowHalf = __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ ? 4 : 0;
+    const auto argument = static_cast<unsigned>(offsetof(seccomp_data, args)) + 8 * index + kLowHalf;
     sock_filter code[] = {{BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
-                          {BPF_JMP | BPF_JEQ | BPF_K, 0, 3, call},
+                          {BPF_JMP | BPF_JEQ | BPF_K, 0, 4, call},
                           {BPF_LD | BPF_W | BPF_ABS, 0, 0, argument},
+                          {BPF_ALU | BPF_AND | BPF_K, 0, 0, bits},
                           {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, value},
                           {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | error},
                           {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW}};
@@ -172,38 +223,50 @@ void Refuse(unsigned call, unsigned index, unsigned value, unsigned error)
         _exit(98);
 }
 
-struct Kernel
+bool CanRefuse()
 {
-    const char* name;
-    int release; // 418 is Linux 4.18
-};
+    return prctl(PR_GET_SECCOMP, 0, 0, 0, 0) >= 0;
+}
+constexpr const char* kCannotRefuse = "an emulator of another processor: no system call can be refused";
 
-// Refuses this process the system calls that are newer than `release`.
-void PretendKernel(int release)
+void RefuseNothing() {}
+
+void PretendLinux5_14()
 {
-    if (release < 615)
-        Refuse(SYS_ioctl, 1, 0xC040FF0B, ENOTTY); // PIDFD_GET_INFO
-    if (release < 509)
-        Refuse(SYS_close_range, 0, 3, ENOSYS);
-    if (release < 504)
-        Refuse(SYS_waitid, 0, 3, EINVAL); // P_PIDFD: older kernels cannot wait on a pidfd
+    Refuse(SYS_ioctl, ENOTTY, 1, kPidfdGetInfo, ~0U);
 }
 
-int RunningKernel()
+// It has pidfds, but cannot wait on them.
+void PretendLinux5_2()
+{
+    PretendLinux5_14();
+    Refuse(kCloseRange, ENOSYS);
+    Refuse(SYS_waitid, EINVAL, 0, kByPidfd, ~0U);
+}
+
+// Emulators know no CLONE_PIDFD.
+void RefusePidfds()
+{
+    constexpr unsigned kClonePidfd = 0x1000;
+#ifdef __s390x__
+    Refuse(SYS_clone, EINVAL, 1, kClonePidfd, kClonePidfd);
+#else
+    Refuse(SYS_clone, EINVAL, 0, kClonePidfd, kClonePidfd);
+#endif
+}
+
+bool IsBeforeLinux6_15()
 {
     utsname name{};
     uname(&name);
     int major = 0, minor = 0;
-    char dot = '.';
-    std::istringstream(name.release) >> major >> dot >> minor;
-    return major * 100 + minor;
+    std::sscanf(name.release, "%d.%d", &major, &minor); // NOLINT(cert-err34-c)
+    return std::pair(major, minor) < std::pair(6, 15);
 }
 
-struct Host
+struct Condition : Row
 {
-    const char* name;
     void (*prepare)();
-    bool losesStatus;
 };
 
 void Handle(int signal, void (*handler)(int))
@@ -246,38 +309,43 @@ void InterruptWithoutEnd()
     setitimer(ITIMER_REAL, &often, nullptr);
 }
 
-class AnyHost : public testing::TestWithParam<std::tuple<Host, Kernel>>
+// Runs a tool that leaves a daemon behind, and prints nothing, one full pipe, or more.
+bool GetsTheOutcome(int blocks, int status, bool mayBeTaken)
+{
+    const std::string command =
+        RUNNER_CHILD " flood " + std::to_string(blocks) + ' ' + std::to_string(status) + " hold";
+    const auto [result, output, errorOutput] = RunTool(command.c_str());
+    const std::string words = blocks > 0 ? Flood(blocks, 'A')
+                                         : RUNNER_CHILD ": ended with exit status " +
+                                               std::to_string(status) + " and said nothing";
+    const bool isTold = result == status && errorOutput == words;
+    const bool isTaken =
+        result == -1 && errorOutput == Flood(blocks, 'A') + (blocks > 0 ? "\n" : "") + kTakenAway;
+    if (output == Flood(blocks, 'a') && (isTold || (isTaken && mayBeTaken)))
+        return true;
+    std::cerr << "result " << result << ", " << output.size() << " bytes of output, "
+              << errorOutput.size() << " of error output: " << errorOutput.substr(0, 99) << '\n';
+    return false;
+}
+
+class AnyHost : public testing::TestWithParam<std::tuple<Condition, Condition>>
 {
 };
 
-// Runs tools on many threads of such a host, which is a process of its own. Each tool leaves a daemon
-// behind, and prints nothing, one full pipe, or more.
-[[noreturn]] void RunInHost(const Host& host, const Kernel& kernel)
+// Runs tools on many threads of such a host, which is a process of its own.
+[[noreturn]] void RunInHost(const Condition& host, const Condition& kernel)
 {
-    PretendKernel(kernel.release);
+    const bool losesStatus = host.prepare == IgnoreChildren || host.prepare == ReapEveryChild;
+    const bool mayBeTaken = losesStatus && (kernel.prepare != RefuseNothing || IsBeforeLinux6_15());
+    kernel.prepare();
     host.prepare();
-    const bool mayBeTaken = host.losesStatus && std::min(kernel.release, RunningKernel()) < 615;
     const std::ptrdiff_t descriptors = CountDescriptors();
     std::atomic<bool> isRight{true};
     const auto runTools = [&](int status) {
-        for (int blocks = 0; blocks < 4; ++blocks)
+        for (const int blocks : {0, 1, 2, 40})
         {
-            const std::string command = RUNNER_CHILD " flood " + std::to_string(blocks) + ' ' +
-                                        std::to_string(status) + " hold";
-            const auto [result, output, errorOutput] = RunTool(command.c_str());
-            const std::string words = blocks > 0 ? Flood(blocks, 'A')
-                                                 : RUNNER_CHILD ": ended with exit status " +
-                                                       std::to_string(status) + " and said nothing";
-            const bool isTold = result == status && errorOutput == words;
-            const bool isTaken =
-                result == -1 &&
-                errorOutput == Flood(blocks, 'A') + (blocks > 0 ? "\n" : "") + kTakenAway;
-            if (output == Flood(blocks, 'a') && (isTold || (isTaken && mayBeTaken)))
-                continue;
-            isRight = false;
-            std::cerr << "result " << result << ", " << output.size() << " bytes of output, "
-                      << errorOutput.size() << " of error output: " << errorOutput.substr(0, 99)
-                      << '\n';
+            if (!GetsTheOutcome(blocks, status, mayBeTaken))
+                isRight = false;
         }
     };
     std::vector<std::thread> threads(5);
@@ -295,24 +363,32 @@ class AnyHost : public testing::TestWithParam<std::tuple<Host, Kernel>>
 TEST_P(AnyHost, GetsTheWholeOutcome)
 {
     const auto& [host, kernel] = GetParam();
+    if (kernel.prepare != RefuseNothing && !CanRefuse())
+        GTEST_SKIP() << kCannotRefuse;
     EXPECT_EXIT(RunInHost(host, kernel), testing::ExitedWithCode(0), "");
 }
 
 INSTANTIATE_TEST_SUITE_P(
     ProcessRunner, AnyHost,
     testing::Combine(
-        testing::Values(Host{"Plain", [] {}, false}, Host{"IgnoringSigchld", IgnoreChildren, true},
-                        Host{"ReapingAll", ReapEveryChild, true},
-                        Host{"WithoutStandardDescriptors", CloseStandardDescriptors, false},
-                        Host{"Interrupted", InterruptWithoutEnd, false}),
-        testing::Values(Kernel{"Today", 9900}, Kernel{"Linux5_14", 514}, Kernel{"Linux4_18", 418})),
+        testing::Values(Condition{"Plain", [] {}}, Condition{"IgnoringSigchld", IgnoreChildren},
+                        Condition{"ReapingAll", ReapEveryChild},
+                        Condition{"WithoutStandardDescriptors", CloseStandardDescriptors},
+                        Condition{"Interrupted", InterruptWithoutEnd}),
+        testing::Values(Condition{"Today", RefuseNothing}, Condition{"Linux5_14", PretendLinux5_14},
+                        Condition{"Linux5_2", PretendLinux5_2}, Condition{"AnEmulator", RefusePidfds})),
     [](const auto& row) {
         return std::string(std::get<0>(row.param).name) + "On" + std::get<1>(row.param).name;
     });
 
-// A host with ignored and blocked signals, another locale, and descriptors that are not closed on exec.
-[[noreturn]] void RunInUncleanHost()
+class CleanTool : public testing::TestWithParam<Condition>
 {
+};
+
+// A host with ignored and blocked signals, another locale, and descriptors that are not closed on exec.
+[[noreturn]] void RunInUncleanHost(const Condition& kernel)
+{
+    kernel.prepare();
     for (int number = 1; number < NSIG; ++number)
     {
         if (number != SIGCHLD)
@@ -325,29 +401,38 @@ INSTANTIATE_TEST_SUITE_P(
     setenv("RUNNER_TEST", "kept", 1);
     for (const int descriptor : {3, 100, 1000})
         dup2(STDERR_FILENO, descriptor);
-    const Outcome outcome = RunTool(RUNNER_CHILD " state");
-    std::cerr << outcome.output << outcome.errorOutput;
-    _exit(outcome.result);
+    const Outcome free = RunTool(RUNNER_CHILD " state");
+    znhost::LimitRuns({true, std::nullopt});
+    const Outcome tied = RunTool(RUNNER_CHILD " state");
+    std::cerr << free.output << free.errorOutput << tied.output.substr(0, tied.output.find('\n'))
+              << tied.errorOutput;
+    _exit(free.result + tied.result);
 }
 
-TEST(ProcessRunner, GivesTheToolACleanEnvironment)
+TEST_P(CleanTool, GetsNothingElseOfItsHost)
 {
-    EXPECT_EXIT(RunInUncleanHost(), testing::ExitedWithCode(0),
-                "^input /dev/null at its end\n"
-                "descriptors . .. 0 1 2\n"
+    if (GetParam().prepare != RefuseNothing && !CanRefuse())
+        GTEST_SKIP() << kCannotRefuse;
+    EXPECT_EXIT(RunInUncleanHost(GetParam()), testing::ExitedWithCode(0),
+                "^at the end of its host: 0\n"
+                "input /dev/null at its end\n"
+                "descriptors 0 1 2\n"
                 "SigBlk:\t0000000000000000\n"
                 "SigIgn:\t0000000000000001\n" // SIGHUP: the tool survives a hang-up like its host
                 "RUNNER_TEST=kept\n"
-                "LC_ALL=C\n$");
+                "LC_ALL=C\n"
+                "at the end of its host: 9$");
 }
 
-TEST(ProcessRunner, ReadsMuchOutputOnBothStreams)
-{
-    const Outcome outcome = RunTool(RUNNER_CHILD " flood 1024 0");
-    EXPECT_EQ(outcome.result, 0);
-    EXPECT_TRUE(outcome.output == Flood(1024, 'a')) << outcome.output.size();
-    EXPECT_TRUE(outcome.errorOutput == Flood(1024, 'A')) << outcome.errorOutput.size();
-}
+INSTANTIATE_TEST_SUITE_P(ProcessRunner, CleanTool,
+                         testing::Values(Condition{"Today", RefuseNothing},
+                                         Condition{"Linux5_2", PretendLinux5_2},
+                                         Condition{"WithoutProc",
+                                                   [] {
+                                                       PretendLinux5_2();
+                                                       Refuse(SYS_getdents64, ENOENT);
+                                                   }}),
+                         kNameOf);
 
 // The tool writes and ends after the runner has looked at the pipes, before it looks for the end.
 TEST(ProcessRunner, ReadsTheRestAfterTheEnd)
@@ -366,21 +451,67 @@ TEST(ProcessRunner, EndsWhileADaemonStillWrites)
     EXPECT_EQ(outcome.errorOutput, Flood(1, 'A'));
 }
 
-TEST(ProcessRunner, IsNotInterruptedByCancellation)
+// Time limits
+
+struct Delay : Row
 {
-    Outcome outcome;
-    std::thread([&] {
-        pthread_cancel(pthread_self());
-        outcome = RunTool(RUNNER_CHILD " flood 4 5");
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    }).join();
-    EXPECT_EQ(outcome.result, 5);
-    EXPECT_EQ(outcome.output, Flood(4, 'a'));
+    void (*prepare)();
+    const char* tool;
+    long limitMs;
+    const char* outcome; // result and error output
+    int zombies = 0;
+};
+
+class TimeLimit : public testing::TestWithParam<Delay>
+{
+};
+
+TEST_P(TimeLimit, EndsTheRun)
+{
+    const Delay& delay = GetParam();
+    if (!CanRefuse())
+        GTEST_SKIP() << kCannotRefuse;
+    const auto run = [&delay] {
+        g_isTimed = true;
+        delay.prepare();
+        znhost::LimitRuns({false, std::chrono::milliseconds(delay.limitMs)});
+        const Outcome outcome = RunTool((std::string(RUNNER_CHILD " ") + delay.tool).c_str());
+        std::cerr << outcome.result << ' ' << outcome.errorOutput;
+        _exit(HasChildren() ? 1 : 0);
+    };
+    EXPECT_EXIT(run(), testing::ExitedWithCode(delay.zombies), delay.outcome);
 }
 
-struct Refusal
+void CannotKill()
 {
-    const char* name;
+    Refuse(kPidfdSendSignal, 0);
+    Refuse(SYS_kill, 0);
+    g_longWaits = 3;
+}
+
+// Its pauses are too short for a clock that stands still.
+void RefusePidfdsInTime()
+{
+    RefusePidfds();
+    g_isTimed = false;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    ProcessRunner, TimeLimit,
+    testing::Values(Delay{"NotReached", RefuseNothing, "echo", 3600000, "^0 $"},
+                    Delay{"Sigterm", RefuseNothing, "linger", 5000,
+                          "^-1 bye\n" RUNNER_CHILD ": did not end within 5 s$"},
+                    Delay{"Sigkill", InterruptWithoutEnd, "linger deaf", 1050,
+                          "^-1 bye\ndeaf\n" RUNNER_CHILD ": did not end within 1.05 s$"},
+                    Delay{"Flood", RefuseNothing, "linger flood", 500, "did not end within 0.5 s$"},
+                    Delay{"WithoutPidfd", RefusePidfdsInTime, "linger", 100, "within 0.1 s$"},
+                    Delay{"NothingEndsIt", CannotKill, "linger", 5000, "within 5 s$", 1}),
+    kNameOf);
+
+// Refusals
+
+struct Refusal : Row
+{
     void (*prepare)();
     const char* errorOutput; // its end
 };
@@ -391,14 +522,16 @@ class RefusedRun : public testing::TestWithParam<Refusal>
 
 TEST_P(RefusedRun, SaysWhy)
 {
-    EXPECT_EXIT(
-        {
-            GetParam().prepare();
-            const Outcome outcome = RunTool(RUNNER_CHILD " echo");
-            std::cerr << outcome.errorOutput;
-            _exit(outcome.result == -1 ? 0 : 1);
-        },
-        testing::ExitedWithCode(0), std::string("runner_child: ") + GetParam().errorOutput + "$");
+    if (!CanRefuse())
+        GTEST_SKIP() << kCannotRefuse;
+    const auto run = [] {
+        GetParam().prepare();
+        const Outcome outcome = RunTool(RUNNER_CHILD " echo");
+        std::cerr << outcome.errorOutput;
+        _exit(outcome.result == -1 ? 0 : 1);
+    };
+    EXPECT_EXIT(run(), testing::ExitedWithCode(0),
+                std::string("runner_child: ") + GetParam().errorOutput + "$");
 }
 
 void LimitDescriptors()
@@ -407,15 +540,21 @@ void LimitDescriptors()
     setrlimit(RLIMIT_NOFILE, &few);
 }
 
+void ChangeParent()
+{
+    znhost::LimitRuns({true, std::nullopt});
+    Refuse(SYS_getppid, EPERM);
+}
+
 INSTANTIATE_TEST_SUITE_P(
     ProcessRunner, RefusedRun,
-    testing::Values(
-        Refusal{"NoDescriptors", LimitDescriptors, "cannot make a pipe: Too many open files"},
-        Refusal{"NoStream", [] { Refuse(SYS_dup3, 1, 1, EBUSY); },
-                "cannot give it its standard streams: Device or resource busy"},
-        Refusal{"NoStatus", [] { Refuse(SYS_waitid, 0, 3, EPERM); }, "Operation not permitted"},
-        Refusal{"ForeignStatus", [] { Refuse(SYS_waitid, 0, 3, 0); },
-                "the kernel's answer was about no child of this process"}),
-    [](const auto& row) { return row.param.name; });
+    testing::Values(Refusal{"NoDescriptors", LimitDescriptors,
+                            "cannot make a pipe: Too many open files"},
+                    Refusal{"NoStream", [] { Refuse(SYS_dup3, EBUSY, 1, 1, ~0U); },
+                            "cannot give it its standard streams: Device or resource busy"},
+                    Refusal{"NoParent", ChangeParent, "cannot start a process: No such process"},
+                    Refusal{"NoStatus", [] { Refuse(SYS_waitid, EPERM, 0, kByPidfd, ~0U); },
+                            "Operation not permitted"}),
+    kNameOf);
 
 } // namespace

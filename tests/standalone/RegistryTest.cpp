@@ -3,7 +3,7 @@
 
 #include "host/EvDebug.h"
 #include "host/ZNPlatformInfo.h"
-#include "standalone/znlib/Text.h"
+#include "standalone/helpers/Text.h"
 
 #include <gmock/gmock-matchers.h>
 
@@ -115,8 +115,8 @@ TEST(Registry, FindsNumbers)
 
     for (const char* const text : {"", "0x10", "5s", "5 6", "1.5", "+-5", "--5", "+", "-", " 5",
                                    "2147483648", "-2147483649", "99999999999999999999"})
-        EXPECT_EQ(znhost::ParseNumber<int>(text), std::nullopt) << text;
-    EXPECT_EQ(znhost::ParseNumber<unsigned>("-1"), std::nullopt);
+        EXPECT_EQ(znlib::ParseNumber<int>(text), std::nullopt) << text;
+    EXPECT_EQ(znlib::ParseNumber<unsigned>("-1"), std::nullopt);
 }
 
 TEST(Registry, TellsWhyANumberOrAFileIsNotUsed)

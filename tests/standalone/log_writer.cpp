@@ -3,6 +3,8 @@
 //   kept      all lines in one call; says on standard error that it is still open
 //   rotated   another process renames the file before this one does, and writes a line to a new one
 //   moved     another process renames the file, and writes nothing
+//   full      the second line fills the file to its limit; with overfull it would exceed it by one byte
+//   rising    the levels rise from LEVEL on
 //
 // Then prints what is wrong with the settings, why lines were lost, and what the log has changed of its
 // caller's. If CLOCK is set, the first line is written at that second of the epoch, and each further
@@ -15,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <optional>
 #include <string>
@@ -27,6 +30,14 @@ namespace
 
 std::string g_how;
 long g_now = 0;
+
+// Leaves room for one more line of the same length, or a byte less.
+void FillTheRest()
+{
+    const znhost::LogSettings& log = znhost::CurrentLogSettings();
+    const auto size = std::filesystem::file_size(log.file);
+    std::filesystem::resize_file(log.file, log.maxSizeBytes - size + (g_how == "full" ? 0 : 1));
+}
 
 } // namespace
 
@@ -60,11 +71,15 @@ int main(int argc, char** argv)
     if (g_how == "kept")
         call.emplace();
     errno = EDOM;
+    int level = std::stoi(argv[1]);
     for (int line = std::stoi(argv[2]); line > 0; --line)
     {
-        EvEvent log;
         // -1: how a call passes the highest job identifier
-        log.DebugLvl("Writer", std::stoi(argv[1]), -1LL, "%s", argv[3]);
+        EvEvent().DebugLvl("Writer", level, -1LL, "%s", argv[3]);
+        if (g_how == "rising")
+            ++level;
+        if (line == 2 && (g_how == "full" || g_how == "overfull"))
+            FillTheRest();
     }
     if (call)
         std::fputs("still open\n", stderr);

@@ -4,12 +4,14 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <set>
 #include <string>
 #include <vector>
 
-#include <dirent.h>
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/prctl.h>
+#include <sys/ptrace.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace
@@ -36,6 +38,49 @@ void WriteAll(int descriptor, const std::string& text)
     }
 }
 
+// Waits until the standard error has no reader.
+void AwaitHangUp()
+{
+    pollfd reader{STDERR_FILENO, 0, 0};
+    while (poll(&reader, 1, -1) <= 0)
+    {
+    }
+}
+
+// [deaf|flood]: writes an error and does not end. With an argument SIGTERM does not end it: it is
+// answered, or it is ignored by a tool that writes for ever.
+int Linger(const std::string& how)
+{
+    if (how == "deaf")
+        std::signal(SIGTERM, [](int) { WriteAll(STDERR_FILENO, "deaf\n"); });
+    if (how == "flood")
+        std::signal(SIGTERM, SIG_IGN);
+    while (how == "flood")
+        WriteAll(STDOUT_FILENO, "noise");
+    WriteAll(STDERR_FILENO, "bye\n");
+    AwaitHangUp();
+    return 0;
+}
+
+// Ends with status 5 while a tracer holds it, as a debugger does: its parent gets the status later.
+int EndTraced()
+{
+    int seized[2];
+    prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY, 0, 0, 0);
+    if (pipe(seized) == 0 && fork() == 0)
+    {
+        siginfo_t unused{};
+        const pid_t tool = getppid();
+        ptrace(PTRACE_SEIZE, tool, nullptr, nullptr);
+        WriteAll(seized[1], "!");
+        waitid(P_PID, static_cast<id_t>(tool), &unused, WEXITED | WNOWAIT);
+        poll(nullptr, 0, 100);
+        return 0;
+    }
+    char byte = 0;
+    return read(seized[0], &byte, 1) == 1 ? 5 : 0;
+}
+
 // BLOCKS STATUS [hold|write]: writes that many blocks of 64 KiB on each stream and ends with the
 // status. With a third argument it leaves a daemon that holds the streams open, or writes, as long as
 // they have a reader.
@@ -46,8 +91,7 @@ int Flood(const Arguments& arguments)
     {
         while (daemon == "write")
             WriteAll(STDOUT_FILENO, "noise");
-        pollfd reader{STDERR_FILENO, 0, 0};
-        poll(&reader, 1, -1);
+        AwaitHangUp();
         return 0;
     }
     for (int block = 0; block < std::stoi(arguments[0]); ++block)
@@ -61,18 +105,18 @@ int Flood(const Arguments& arguments)
 // Prints what this process inherited: input, descriptors, signals, locale.
 int State(const Arguments& /*none*/)
 {
+    int deathSignal = -1;
+    prctl(PR_GET_PDEATHSIG, &deathSignal);
     char byte = 0;
-    std::cout << "input " << std::filesystem::read_symlink("/proc/self/fd/0").string()
+    std::cout << "at the end of its host: " << deathSignal << "\ninput "
+              << std::filesystem::read_symlink("/proc/self/fd/0").string()
               << (read(STDIN_FILENO, &byte, 1) == 0 ? " at its end" : " not at its end")
               << "\ndescriptors";
-    DIR* const folder = opendir("/proc/self/fd");
-    std::set<std::string> descriptors;
-    while (const dirent* entry = readdir(folder))
-        descriptors.insert(entry->d_name);
-    descriptors.erase(std::to_string(dirfd(folder)));
-    closedir(folder);
-    for (const std::string& descriptor : descriptors)
-        std::cout << ' ' << descriptor;
+    for (int descriptor = 0; descriptor < 4096; ++descriptor)
+    {
+        if (fcntl(descriptor, F_GETFD) >= 0)
+            std::cout << ' ' << descriptor;
+    }
     std::cout << '\n';
     std::ifstream status("/proc/self/status");
     for (std::string line; std::getline(status, line);)
@@ -99,6 +143,10 @@ int main(int argc, char** argv)
         return Echo(arguments);
     if (action == "flood")
         return Flood(arguments);
+    if (action == "linger")
+        return Linger(arguments.empty() ? "" : arguments[0]);
+    if (action == "traced")
+        return EndTraced();
     if (action == "state")
         return State(arguments);
     if (action == "signal")
