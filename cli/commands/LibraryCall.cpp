@@ -13,8 +13,8 @@ namespace cli
 
 using std::chrono::seconds, std::chrono::steady_clock;
 
-LibraryCall::LibraryCall(const Request& asked)
-    : request(asked), watch(asked.verbosity), initiator(MakeInitiator())
+LibraryCall::LibraryCall(Request asked)
+    : request(std::move(asked)), watch(request.verbosity), initiator(MakeInitiator())
 {
 }
 
@@ -29,6 +29,12 @@ catch (const Failure&)
     if (g_iOsType != kRedHatFamily && !watch.Errors().empty())
         Fail(Cause::ToolFailed, {"cannot tell whether this machine is served"});
     throw;
+}
+
+void LibraryCall::TurnTo(const Request& one)
+{
+    request = one;
+    watch.Forget();
 }
 
 void LibraryCall::Fail(Cause cause, std::vector<std::string> reasons, const std::string& nextStep) const
@@ -60,8 +66,12 @@ std::vector<NodeRecord> LibraryCall::RequireRecords(const std::string& sentence)
     return std::move(*records);
 }
 
-Node::Node(const Request& request)
-    : portal(request.portal), iqn(request.iqn), name(request.iqn + " at " + request.portal)
+std::string NodeName(const Request& request)
+{
+    return request.iqn + " at " + request.portal;
+}
+
+Node::Node(const Request& request) : portal(request.portal), iqn(request.iqn), name(NodeName(request))
 {
 }
 
@@ -111,16 +121,18 @@ std::vector<Request> OnePerPortal(const Request& request, const std::vector<Node
     return requests;
 }
 
-Answer AnswerEach(const Request& request, const std::vector<Request>& requests,
-                  const std::function<Answer(const Request&)>& operation)
+Answer AnswerEach(LibraryCall& call, const std::vector<Request>& requests,
+                  const std::function<Answer(std::size_t)>& operation)
 {
-    if (!request.portal.empty())
-        return operation(request);
+    if (!call.request.portal.empty())
+        return operation(0);
     Answer all;
     all.fields["portals"] = Json::array();
-    for (const Request& one : requests)
+    for (std::size_t index = 0; index < requests.size(); ++index)
     {
-        const Answer answer = AnswerOf([&] { return operation(one); });
+        const Request& one = requests[index];
+        call.TurnTo(one);
+        const Answer answer = AnswerOf([&] { return operation(index); });
         if (!answer.cause)
             all.text += answer.text.substr(0, answer.text.find('\n')) + ' ' + one.portal + '\n';
         else if (!all.cause)

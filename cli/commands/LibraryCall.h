@@ -25,12 +25,14 @@ constexpr std::chrono::seconds kMaxSettling{5};
 class LibraryCall
 {
 public:
-    // `asked` must outlive the object.
-    explicit LibraryCall(const Request& asked);
+    explicit LibraryCall(Request asked);
 
-    const Request& request;
+    Request request;
     LogWatch watch;
     Initiator initiator;
+
+    // Makes `one`, about a single portal of the target, the request, and forgets the log lines.
+    void TurnTo(const Request& one);
 
     // Ends the command as Explain does, with the reasons that were logged.
     [[noreturn]] void Fail(Cause cause, std::vector<std::string> reasons,
@@ -47,6 +49,9 @@ private:
     Initiator MakeInitiator() const;
 };
 
+// "IQN at PORTAL"
+std::string NodeName(const Request& request);
+
 // The node record that a request is about, or its session.
 struct Node
 {
@@ -60,7 +65,7 @@ struct Node
 
     PortalMatcher portal;
     std::string iqn;
-    std::string name; // "IQN at PORTAL"
+    std::string name;
 };
 
 // Calls `condition` ten times a second until it is true. False if it is not within `limit`.
@@ -72,11 +77,11 @@ Request At(const Request& request, const Portal& portal);
 // The request itself if it names a portal, else one for each portal of the records.
 std::vector<Request> OnePerPortal(const Request& request, const std::vector<NodeRecord>& records);
 
-// Calls `operation` with `request` if that names a portal. Otherwise calls it with each of `requests`,
-// and goes on when one fails: the answer has a line, or an object, for each, and is a failure if one
-// is.
-Answer AnswerEach(const Request& request, const std::vector<Request>& requests,
-                  const std::function<Answer(const Request&)>& operation);
+// Calls `operation` with the index of each of `requests`, after turning `call` to it. If the request of
+// `call` names a portal, returns the answer for that. Otherwise goes on when one fails: the answer has
+// a line, or an object, for each, and is a failure if one is.
+Answer AnswerEach(LibraryCall& call, const std::vector<Request>& requests,
+                  const std::function<Answer(std::size_t)>& operation);
 
 // Fails because the tool's report does not have `device`, which the kernel shows.
 [[noreturn]] void FailReportLacks(const LibraryCall& call, const std::string& sentence,

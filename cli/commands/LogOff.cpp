@@ -145,11 +145,11 @@ std::vector<Session> Remaining(const std::vector<Session>& before, const std::ve
     return remaining;
 }
 
-// Ends the sessions `ending`, all through the portal of `request`.
-Answer EndSessions(const Request& request, const std::vector<Session>& ending)
+// Ends the sessions `ending`, all through the portal of the request.
+Answer EndSessions(const LibraryCall& call, const std::vector<Session>& ending)
 {
-    const LibraryCall call(request);
-    const std::string name = request.iqn + " at " + request.portal;
+    const Request& request = call.request;
+    const std::string name = NodeName(request);
     const SlowWork work("logging off from " + name);
     const bool isReported =
         call.initiator->LogOffFromiSCSITarget(request.portal.c_str(), request.iqn.c_str()) == 1;
@@ -187,7 +187,7 @@ Endings GroupByPortal(const Request& request, const Subject& subject,
 
 Answer LogOff(const Request& request)
 {
-    const LibraryCall call(request);
+    LibraryCall call(request);
     const Subject subject(request);
     const RecordLock lock = RecordLock::OfTarget(request);
     const Look look = request.force ? Look{ReadSessions()} : LookAtUsers(subject);
@@ -205,8 +205,8 @@ Answer LogOff(const Request& request)
     std::vector<Request> requests;
     for (const auto& [portal, each] : endings)
         requests.push_back(each.first);
-    return AnswerEach(request, requests, [&endings](const Request& one) {
-        return EndSessions(one, endings.at(one.portal).second);
+    return AnswerEach(call, requests, [&](std::size_t index) {
+        return EndSessions(call, endings.at(requests[index].portal).second);
     });
 }
 

@@ -49,17 +49,18 @@ Answer AnswerLogOn(const std::vector<Session>& sessions, const Request& request,
                         : " exists, but is not logged in (" + session.state + ')';
     throw Failure(
         Cause::SessionFailed,
-        {"cannot log on to " + Node(request).name, "session " + std::to_string(session.sid) + state,
+        {"cannot log on to " + NodeName(request), "session " + std::to_string(session.sid) + state,
          "check that " + request.portal + " can be reached, or end the session: zniscsi logoff " +
              request.portal + ' ' + request.iqn});
 }
 
-bool RunLogOn(const Initiator& initiator, const Request& request, const Secret* secret)
+bool RunLogOn(const LibraryCall& call, const Secret* secret)
 {
+    const Request& request = call.request;
     const char* const portal = request.portal.c_str();
     const char* const iqn = request.iqn.c_str();
-    return (secret == nullptr ? initiator->LogOnToiSCSITarget(portal, iqn)
-                              : initiator->LogOnToiSCSITargetUsingCHAP(
+    return (secret == nullptr ? call.initiator->LogOnToiSCSITarget(portal, iqn)
+                              : call.initiator->LogOnToiSCSITargetUsingCHAP(
                                     portal, iqn, request.chapUser->c_str(), secret->c_str())) == 1;
 }
 
@@ -77,11 +78,10 @@ bool RunLogOn(const Initiator& initiator, const Request& request, const Secret* 
 }
 
 // Logs on to a node without a session. `secret` may be null.
-Answer LogOnTo(const Node& node, const Request& request, const Secret* secret)
+Answer LogOnTo(const LibraryCall& call, const Node& node, const Secret* secret)
 {
-    const LibraryCall call(request);
     const SlowWork work("logging on to " + node.name);
-    const bool isReported = RunLogOn(call.initiator, request, secret);
+    const bool isReported = RunLogOn(call, secret);
     std::vector<Session> sessions;
     Await(isReported ? kMaxSettling : std::chrono::seconds(0), [&] {
         sessions = node.Select(ReadSessions());
@@ -89,7 +89,7 @@ Answer LogOnTo(const Node& node, const Request& request, const Secret* secret)
     });
     if (sessions.empty())
         FailLogOn(call, node, isReported);
-    Answer answer = AnswerLogOn(sessions, request, true);
+    Answer answer = AnswerLogOn(sessions, call.request, true);
     if (!isReported) // one of several interfaces, for example
         for (const std::string& reason : ParseReasons(call.watch.Errors()).lines)
             PrintError("warning: " + reason);
@@ -113,12 +113,12 @@ std::vector<Request> RequestsOf(const LibraryCall& call)
 
 Answer LogOn(const Request& request)
 {
-    const LibraryCall call(request);
+    LibraryCall call(request);
     const std::vector<Request> requests = RequestsOf(call);
+    const std::vector<Node> nodes(requests.begin(), requests.end());
     // Look before the prompt for a secret, and again under the lock.
-    const bool isNeeded = std::any_of(requests.begin(), requests.end(), [](const Request& one) {
-        return FindSessions(Node(one)).empty();
-    });
+    const bool isNeeded = std::any_of(nodes.begin(), nodes.end(),
+                                      [](const Node& node) { return FindSessions(node).empty(); });
     std::unique_ptr<const Secret> secret;
     std::optional<RecordLock> discovery, target;
     if (isNeeded)
@@ -129,16 +129,16 @@ Answer LogOn(const Request& request)
         target.emplace(RecordLock::OfTarget(request));
     }
     bool someWereLoggedOn = false;
-    Answer answer = AnswerEach(request, requests, [&](const Request& one) {
-        const Node node(one);
+    Answer answer = AnswerEach(call, requests, [&](std::size_t index) {
+        const Node& node = nodes[index];
         const std::vector<Session> sessions = FindSessions(node);
         someWereLoggedOn = someWereLoggedOn || !sessions.empty();
         if (!sessions.empty())
-            return AnswerLogOn(sessions, one, false);
+            return AnswerLogOn(sessions, call.request, false);
         if (!isNeeded)
             throw Failure(Cause::NoSession,
                           {"cannot log on to " + node.name, "its session has just ended: try again"});
-        return LogOnTo(node, one, secret.get());
+        return LogOnTo(call, node, secret.get());
     });
     if (request.chapUser && someWereLoggedOn && !answer.cause)
         PrintError(

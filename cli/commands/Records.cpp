@@ -32,13 +32,11 @@ Answer AlreadyForgotten()
 }
 
 // Deletes the record of a node that has one.
-Answer DeleteRecord(const Request& request)
+Answer DeleteRecord(const LibraryCall& call, const Node& node)
 {
-    const LibraryCall call(request);
-    const Node node(request);
     const std::string sentence = "cannot delete the node record of " + node.name;
     const bool isReported = call.initiator.Concrete().DeleteiSCSIIQNFromiSCSIAdmDb(
-                                request.portal.c_str(), request.iqn.c_str()) == 1;
+                                call.request.portal.c_str(), call.request.iqn.c_str()) == 1;
     if (!HasRecord(call.RequireRecords(sentence), node))
         return isReported ? Answer{"forgotten\n", {{"already", false}}} : AlreadyForgotten();
     std::vector<std::string> reasons{sentence};
@@ -77,7 +75,7 @@ Answer Discover(const Request& request)
 
 Answer Forget(const Request& request)
 {
-    const LibraryCall call(request);
+    LibraryCall call(request);
     const RecordLock lock = RecordLock::OfTarget(request);
     const std::string sentence = "cannot delete the node record of " + request.iqn;
     const std::vector<NodeRecord> all = call.RequireRecords(sentence);
@@ -87,10 +85,11 @@ Answer Forget(const Request& request)
         NoteUnknownTarget(request.iqn, all, ReadSessions());
         return AlreadyForgotten();
     }
-    return AnswerEach(request, OnePerPortal(request, records), [&](const Request& one) {
-        const Node node(one);
+    const std::vector<Request> requests = OnePerPortal(request, records);
+    return AnswerEach(call, requests, [&](std::size_t index) {
+        const Node node(requests[index]);
         if (HasRecord(records, node))
-            return DeleteRecord(one);
+            return DeleteRecord(call, node);
         node.RequireResolved("cannot delete the node record of " + node.name);
         return AlreadyForgotten();
     });
