@@ -43,7 +43,7 @@ Descriptor OpenToAppend(const std::string& path, int linkFlag)
     if (isThere && S_ISBLK(status.st_mode))
     {
         errno = ENOTBLK;
-        return Descriptor();
+        return {};
     }
     return Descriptor(open(path.c_str(), kFlags | linkFlag, kMode));
 }

@@ -87,7 +87,7 @@ void CloseFrom(long lowest)
         return;
     rlimit limit{};
     syscall(SYS_prlimit64, 0, RLIMIT_NOFILE, nullptr, &limit);
-    for (rlim_t number = static_cast<rlim_t>(lowest); number < limit.rlim_cur; ++number)
+    for (auto number = static_cast<rlim_t>(lowest); number < limit.rlim_cur; ++number)
         syscall(SYS_close, number);
 }
 
