@@ -1,7 +1,7 @@
 // The functions of zniscsi that take and return values only.
 #include "cli/Request.h"
-#include "cli/initiator/NodeRecords.h"
 #include "cli/initiator/Reasons.h"
+#include "cli/kernel/Portal.h"
 #include "cli/terminal/Table.h"
 
 #include <gmock/gmock-matchers.h>
@@ -97,16 +97,6 @@ TEST(Table, FormatsSizesAndColumns)
               "A    BB\nAAA  \\x1b\n-    B\n");
     EXPECT_EQ(FormatTable({"LONG", "B"}, {{"A", "B"}}, false), "A  B\n");
     EXPECT_EQ(FormatTable({"A"}, {}, true), "");
-}
-
-TEST(NodeRecords, AreParsedLineByLine)
-{
-    const std::vector<NodeRecord> records =
-        ParseNodeRecords("192.0.2.10:3260,1 iqn.x:a\nnot-a-record\n[2001:db8::10]:3261,-1 iqn.x:b "
-                         "more\n\n:1,1 iqn.x:c\n");
-    ASSERT_EQ(records.size(), 2U);
-    EXPECT_EQ(FormatPortal(records[0].portal) + ' ' + records[0].iqn, "192.0.2.10 iqn.x:a");
-    EXPECT_EQ(FormatPortal(records[1].portal) + ' ' + records[1].iqn, "[2001:db8::10]:3261 iqn.x:b");
 }
 
 TEST(Reasons, AreListedOnce)

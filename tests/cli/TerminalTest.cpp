@@ -152,16 +152,6 @@ TEST(StatusLine, NeedsATerminalWithEscapeSequences)
     }
 }
 
-TEST(StatusLine, LeavesSignalsToTheProgram)
-{
-    const Screen screen(80);
-    const auto exit = [] {
-        ShowStatus("status");
-        static_cast<void>(std::raise(SIGALRM));
-    };
-    EXPECT_EXIT(exit(), testing::KilledBySignal(SIGALRM), "");
-}
-
 // A pipe from which `text` can be read.
 int PipeWith(const std::string& text)
 {
@@ -203,8 +193,8 @@ TEST(Secret, IsReadWipedAndKeptOutOfCoreFiles)
     EXPECT_EXIT(exit(), testing::ExitedWithCode(0), "");
 }
 
-// Standard input and standard error of this process are the screen; `person` sits before it, on a thread
-// of its own that takes no signals.
+// Standard input and standard error of this process are the screen; `person` sits before it, on a
+// thread of its own that takes no signals.
 template <class Call>
 void SitDown(const Screen& screen, Call person)
 {
@@ -219,7 +209,7 @@ void SitDown(const Screen& screen, Call person)
 
 TEST(Secret, IsTypedWithoutEchoUnderEverySignal)
 {
-    for (const int signal : {SIGTERM, SIGALRM, SIGUSR2, SIGRTMIN})
+    for (const int signal : {SIGINT, SIGTERM, SIGALRM, SIGUSR2, SIGRTMIN})
     {
         const Screen screen(80);
         const auto exit = [&] {
