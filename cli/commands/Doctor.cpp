@@ -12,9 +12,11 @@
 #include "standalone/znlib/Registry.h"
 
 #include <algorithm>
+#include <functional>
 #include <iomanip>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -44,22 +46,15 @@ bool Exists(const std::string& path)
     return access(path.c_str(), F_OK) == 0;
 }
 
-// The lines of a file; none if there is no such file.
-std::vector<std::string> ReadLines(const std::string& file)
+// Returns the first line that is wanted; empty if there is none, or no such file.
+std::string FindLine(const std::string& file, const std::function<bool(const std::string&)>& isWanted)
 {
     constexpr std::size_t kMaxBytes = 64 << 20;
     std::istringstream text(znlib::ReadTextFile(file, kMaxBytes).value_or(""));
-    std::vector<std::string> lines;
     for (std::string line; std::getline(text, line);)
-        lines.push_back(line);
-    return lines;
-}
-
-template <class Condition>
-bool HasLine(const std::string& file, Condition condition)
-{
-    const std::vector<std::string> lines = ReadLines(file);
-    return std::any_of(lines.begin(), lines.end(), condition);
+        if (isWanted(line))
+            return line;
+    return "";
 }
 
 std::string FirstLine(const std::string& text)
@@ -69,8 +64,7 @@ std::string FirstLine(const std::string& text)
 
 Finding CheckMachine()
 {
-    const bool isServed = IsServedMachine();
-    if (isServed)
+    if (IsServedMachine())
         return {"Red Hat family Linux, release " + std::to_string(g_iOsVersion)};
     const std::string name = znhost::ReadOperatingSystem("/").name;
     return {name.empty() ? "neither /etc/os-release nor /etc/redhat-release exists" : name,
@@ -85,9 +79,7 @@ Finding CheckTool()
     if (!Exists(path))
         return {path + " is missing", kAdvice, Cause::ToolMissing};
     std::string output, errorOutput;
-    const int result =
-        ZnProcess::system((path + " --version").c_str(), &output, &errorOutput, 0, false);
-    if (result != 0)
+    if (ZnProcess::system((path + " --version").c_str(), &output, &errorOutput, 0, false) != 0)
         return {FirstLine(errorOutput), kAdvice, Cause::ToolFailed};
     const std::string version = FirstLine(output + errorOutput); // some print it as an error
     if (version.empty())
@@ -100,9 +92,11 @@ Finding CheckInitiatorName()
 {
     const std::string file = "/etc/iscsi/initiatorname.iscsi";
     const std::string key = "InitiatorName=";
-    for (const std::string& line : ReadLines(file))
-        if (BeginsWith(line, key) && line.find_first_not_of(" \t", key.size()) != std::string::npos)
-            return {line.substr(key.size())};
+    const std::string line = FindLine(file, [&key](const std::string& each) {
+        return BeginsWith(each, key) && each.find_first_not_of(" \t", key.size()) != std::string::npos;
+    });
+    if (!line.empty())
+        return {line.substr(key.size())};
     return {file + " names none", "Write one: echo InitiatorName=$(/sbin/iscsi-iname) >" + file,
             Cause::ToolFailed};
 }
@@ -118,8 +112,8 @@ Finding CheckModule()
     };
     if (Exists("/sys/class/iscsi_transport/tcp"))
         return {"iscsi_tcp is loaded"};
-    if (HasLine(directory + "/modules.dep", isModule) ||
-        HasLine(directory + "/modules.builtin", isModule))
+    if (!FindLine(directory + "/modules.dep", isModule).empty() ||
+        !FindLine(directory + "/modules.builtin", isModule).empty())
         return {"iscsi_tcp can be loaded"};
     return {"iscsi_tcp is not loaded, and " + directory + " has none",
             "Install the kernel's modules (kernel-modules-core), or boot the kernel that they are for.",
@@ -129,9 +123,8 @@ Finding CheckModule()
 // 0000000000000000: 00000002 00000000 00010000 0001 01 18213 @ISCSIADM_ABSTRACT_NAMESPACE
 bool HasSocket(const std::string& name)
 {
-    return HasLine("/proc/net/unix", [&name](const std::string& line) {
-        return line.substr(line.rfind(' ') + 1) == name;
-    });
+    const auto isIt = [&](const std::string& line) { return line.substr(line.rfind(' ') + 1) == name; };
+    return !FindLine("/proc/net/unix", isIt).empty();
 }
 
 // The tool connects to the daemon, or to systemd, at this abstract socket.
@@ -140,13 +133,12 @@ Finding CheckDaemon()
     constexpr const char* kAdvice = "Start it: systemctl enable --now iscsid.socket";
     if (HasSocket("@ISCSIADM_ABSTRACT_NAMESPACE"))
         return {"iscsid listens"};
-    if (HasLine("/etc/iscsi/iscsid.conf",
-                [](const std::string& line) { return BeginsWith(line, "iscsid.startup"); }))
+    const auto namesDaemon = [](const std::string& line) { return BeginsWith(line, "iscsid.startup"); };
+    if (!FindLine("/etc/iscsi/iscsid.conf", namesDaemon).empty())
         return {"iscsid does not listen; the tool starts it when it is needed", kAdvice};
     return {"iscsid does not listen", kAdvice, Cause::ToolFailed};
 }
 
-// Only needed for maps.
 Finding CheckMultipathDaemon()
 {
     if (HasSocket("@/org/kernel/linux/storage/multipathd"))
@@ -201,32 +193,25 @@ Finding CheckLog()
     EvEvent().DebugLvl(words::kOwnTag, std::min(0, settings.level), "Examining this machine.");
     if (const std::string error = znhost::LastLogError(); !error.empty())
         return {error, "Name another file: --log FILE or ZN_LOG_FILE.", Cause::ToolFailed};
-    const std::string file = settings.file;
-    return {file == "-" ? "standard error" : file};
+    return {settings.file == std::string("-") ? "standard error" : settings.file};
 }
 
-struct Check
-{
-    const char* name;
-    Finding (*look)();
-};
-
-constexpr Check kChecks[] = {{"machine", CheckMachine},
-                             {"administration tool", CheckTool},
-                             {"initiator name", CheckInitiatorName},
-                             {"kernel module", CheckModule},
-                             {"initiator daemon", CheckDaemon},
-                             {"multipath daemon", CheckMultipathDaemon},
-                             {"multipath tool", CheckMultipathTool},
-                             {"user", CheckUser},
-                             {"registry", CheckRegistry},
-                             {"log", CheckLog}};
+constexpr std::pair<const char*, Finding (*)()> kChecks[] = {{"machine", CheckMachine},
+                                                             {"administration tool", CheckTool},
+                                                             {"initiator name", CheckInitiatorName},
+                                                             {"kernel module", CheckModule},
+                                                             {"initiator daemon", CheckDaemon},
+                                                             {"multipath daemon", CheckMultipathDaemon},
+                                                             {"multipath tool", CheckMultipathTool},
+                                                             {"user", CheckUser},
+                                                             {"registry", CheckRegistry},
+                                                             {"log", CheckLog}};
 
 // A check that throws does not end the examination.
-Finding Look(const Check& check)
+Finding Look(Finding (*check)())
 try
 {
-    return check.look();
+    return check();
 }
 catch (const std::runtime_error& error)
 {
@@ -241,19 +226,19 @@ Answer Examine(const Request& request)
     Answer answer;
     answer.textHasReasons = true;
     std::ostringstream text;
-    for (const Check& check : kChecks)
+    for (const auto& [name, check] : kChecks)
     {
         const Finding finding = Look(check);
-        text << std::left << std::setw(6) << StateOf(finding) << std::setw(21) << check.name
+        text << std::left << std::setw(6) << StateOf(finding) << std::setw(21) << name
              << znlib::Printable(finding.text) << '\n';
         if (!finding.advice.empty())
             text << std::setw(27) << "" << znlib::Printable(finding.advice) << '\n';
-        answer.fields["checks"].push_back({{"name", check.name},
+        answer.fields["checks"].push_back({{"name", name},
                                            {"state", StateOf(finding)},
                                            {"finding", finding.text},
                                            {"advice", finding.advice}});
         if (finding.cause)
-            answer.reasons.push_back(std::string(check.name) + ": " + finding.text);
+            answer.reasons.push_back(std::string(name) + ": " + finding.text);
         if (!answer.cause)
             answer.cause = finding.cause;
     }
