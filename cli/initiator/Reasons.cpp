@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <sstream>
 
+#include <unistd.h>
+
 namespace cli
 {
 
@@ -19,6 +21,8 @@ constexpr const char* kTrying = " ... Trying ";
 constexpr std::string_view kIdle[] = {"Error returned by command is: ", "/usr/sbin/ehcmcli not found!!",
                                       "Unable to parse the input or end of input string"};
 
+constexpr const char* kRunAsRoot = "run as root: iscsiadm requires it";
+
 struct Explanation
 {
     const char* words; // part of a line of the tool
@@ -28,7 +32,7 @@ struct Explanation
 
 // The first match decides: "refused" is before "timed out", since a refused discovery reports both.
 constexpr Explanation kExplanations[] = {
-    {"not root", Cause::ToolFailed, "run as root: iscsiadm requires it"},
+    {"not root", Cause::ToolFailed, kRunAsRoot},
     {"connect to iSCSI daemon", Cause::ToolFailed,
      "start the initiator's daemon: systemctl enable --now iscsid.socket"},
     {"did not end within", Cause::TimedOut,
@@ -140,6 +144,11 @@ Failure Explain(std::vector<std::string> reasons, const LoggedReasons& logged, c
     {
         cause = Cause::ToolMissing;
         step = "what to install: zniscsi doctor";
+    }
+    else if (known != std::end(kExplanations) && known->cause == Cause::NoRecord && geteuid() != 0)
+    {
+        cause = Cause::ToolFailed; // it finds no record where it may not look
+        step = kRunAsRoot;
     }
     else if (known != std::end(kExplanations))
     {
