@@ -81,7 +81,7 @@ Obstacles FindObstacles(const Machine& machine, const std::vector<Session>& endi
     const Unclaimed unclaimed = FindUnclaimed(machine, ending);
     for (const std::string& device : unclaimed.devices)
     {
-        const UseAnswer answer = AskUse(device);
+        const UseAnswer answer = AskUse(machine.kernelNames.at(device));
         if (answer.use == Use::Exclusive)
             obstacles.exclusive.push_back(device +
                                           ": opened exclusively by the kernel or another program "

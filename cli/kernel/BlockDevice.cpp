@@ -1,5 +1,6 @@
 #include "cli/kernel/BlockDevice.h"
 
+#include "cli/kernel/Sysfs.h"
 #include "standalone/helpers/Descriptor.h"
 
 #include <cerrno>
@@ -8,6 +9,7 @@
 #include <fcntl.h>
 #include <linux/loop.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 namespace cli
@@ -22,6 +24,11 @@ znlib::Descriptor OpenDevice(const std::string& device, int furtherFlags)
     return znlib::Descriptor(open(device.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | furtherFlags));
 }
 
+std::string FormatNumber(dev_t number)
+{
+    return std::to_string(major(number)) + ':' + std::to_string(minor(number));
+}
+
 std::string LastError()
 {
     return std::generic_category().message(errno);
@@ -29,9 +36,17 @@ std::string LastError()
 
 } // namespace
 
-UseAnswer AskUse(const std::string& device)
+UseAnswer AskUse(const std::string& name)
 {
-    if (OpenDevice(device, O_EXCL).IsOpen())
+    const std::string node = DevicePath(name);
+    struct stat status = {};
+    if (stat(node.c_str(), &status) != 0)
+        return {Use::Unknown, LastError()};
+    // In a /dev of its own, for example that of a container.
+    const std::string number = FormatNumber(status.st_rdev);
+    if (S_ISBLK(status.st_mode) && ReadAttribute("/sys/class/block/" + name + "/dev") != number)
+        return {Use::Unknown, node + " leads to another device, " + number};
+    if (OpenDevice(node, O_EXCL).IsOpen())
         return {Use::None};
     if (errno == EBUSY)
         return {Use::Exclusive};
@@ -49,7 +64,7 @@ LoopAnswer AskLoop(const std::string& device)
     const dev_t beneath = info.lo_rdevice;
     if (beneath == 0)
         return {};
-    return {std::to_string(major(beneath)) + ':' + std::to_string(minor(beneath))};
+    return {FormatNumber(beneath)};
 }
 
 } // namespace cli

@@ -23,8 +23,10 @@ struct UseAnswer
     std::string reason{}; // why it is unknown
 };
 
-// Asks by opening the device exclusively. Blocks while the device does not work.
-UseAnswer AskUse(const std::string& device);
+// Asks by opening the device with the kernel name `name` exclusively, through the kernel's own node:
+// the link in /dev/mapper is made later than its map. Unknown if that node is missing, or leads to
+// another device. Blocks while the device does not work.
+UseAnswer AskUse(const std::string& name);
 
 struct LoopAnswer
 {

@@ -65,7 +65,7 @@ private:
         if (std::find(disks.begin(), disks.end(), &disk) != disks.end())
             return;
         disks.push_back(&disk);
-        m_nameOfPath.emplace(device, name);
+        m_machine.kernelNames.emplace(device, name);
         for (const std::string& partition : PartitionsOf(name))
             Climb(partition, DevicePath(partition), disk);
         for (const std::string& holder : ListDirectory(m_block + name + "/holders"))
@@ -171,8 +171,8 @@ private:
     // The kernel name for a path: /dev/mapper/mpatha and /dev/dm-0 are dm-0.
     std::string NameOf(const std::string& device) const
     {
-        const auto name = m_nameOfPath.find(device);
-        return name != m_nameOfPath.end() ? name->second : KernelName(device);
+        const auto name = m_machine.kernelNames.find(device);
+        return name != m_machine.kernelNames.end() ? name->second : KernelName(device);
     }
 
     // The kernel name for "8:17"; empty if there is no such device.
@@ -207,7 +207,6 @@ private:
     const std::string m_block;              // the directory of block devices, with a slash
     const std::vector<std::string> m_names; // of all block devices, sorted
     std::unordered_map<std::string, std::vector<Disk*>> m_disks; // beneath a device
-    std::unordered_map<std::string, std::string> m_nameOfPath;
     std::unordered_map<std::string, std::string> m_nameOfNumber;
 };
 

@@ -11,6 +11,7 @@
 
 #include <map>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace cli
@@ -23,6 +24,8 @@ struct Machine
     std::map<std::string, std::map<std::string, bool>> maps{};
     // The partitions that device-mapper has made on a disk or a map, by its device.
     std::map<std::string, std::vector<std::string>> partitions{};
+    // Of the disks and what is stacked on them: "dm-0" for "/dev/mapper/mpatha".
+    std::unordered_map<std::string, std::string> kernelNames{};
     bool sawAllNamespaces = true;           // false: mounts of other namespaces may be missing
     std::vector<std::string> unseenLoops{}; // may be users too: "/dev/loop0: Permission denied"
 };

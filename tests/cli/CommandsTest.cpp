@@ -29,7 +29,7 @@ constexpr const char* kUsual[] = {"etc/os-release: ID=rhel\\nVERSION_ID=9",
                                   "dev/sdc: ",
                                   "dev/sdd: ",
                                   "dev/sde: ",
-                                  "dev/mapper/mpatha: "};
+                                  "dev/dm-0: "};
 
 // Makes `descriptor` write to a file while `call` runs.
 template <class Call>
