@@ -1,5 +1,5 @@
-# What zniscsi answered on a machine, for the playbooks. No filter raises an exception: whatever is wrong with the answer
-# of one machine stays with that machine.
+# What zniscsi answered on a machine, for the playbooks. No filter raises an exception: a wrong answer of one machine
+# does not stop the others.
 import json
 
 HEADINGS = ['MACHINE', 'STATE', 'PORTAL', 'IFACE', 'LUN', 'DEVICE', 'SIZE', 'USED BY', 'IQN']
@@ -35,7 +35,7 @@ def size(count):
 def row(session):
     disk_state, count, users = session['disk_state'], session['bytes'], session['used_by']
     cells = [session['state'] if disk_state in (None, 'running') else '%s/%s' % (session['state'], disk_state),
-             session['portal'], session['iface'], session['lun'], session['device'],
+             session['portal'], session.get('iface'), session['lun'], session['device'],
              None if count is None else size(count),
              ','.join(users if session['map'] is None else [session['map']] + users), session['iqn']]
     return ['-' if cell in (None, '') else printable(cell) for cell in cells]
@@ -47,7 +47,7 @@ def read(result):
     if found['ok']:
         try:
             return [row(session) for session in found['sessions']], 'no session'
-        except (LookupError, TypeError):
+        except (ArithmeticError, AttributeError, LookupError, TypeError):
             return [], 'no answer: not a list of sessions'
     if 'cause' in found:
         return [], 'failed: ' + printable('; '.join(map(str, found['reasons'])))
@@ -55,7 +55,7 @@ def read(result):
         return [], 'unreachable: ' + printable(result.get('msg'))
     # Ansible's own words say why there is no exit status of zniscsi.
     said = result.get('stderr') or (found['reasons'][0] if result.get('start') else result.get('msg'))
-    return [], 'no answer: ' + printable(str(said).partition('\n')[0])
+    return [], 'no answer: ' + printable(str(said).strip().partition('\n')[0])
 
 
 # Why a machine has no list of sessions; empty if it has one.
