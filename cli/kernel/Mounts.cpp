@@ -52,6 +52,13 @@ std::string Unescaped(std::string_view name)
     return text;
 }
 
+// 8:17
+bool IsDeviceNumber(std::string_view text)
+{
+    const std::string_view major = TakeUntil(text, ':');
+    return znlib::ParseNumber<unsigned>(major) && znlib::ParseNumber<unsigned>(text);
+}
+
 // 36 35 8:17 / /mnt/a\040b rw,relatime shared:7 - ext4 /dev/sdb1 rw
 // 48 35 0:41 / /data rw,relatime - btrfs /dev/sdc rw
 std::optional<Mount> ParseMount(std::string_view line)
@@ -67,7 +74,7 @@ std::optional<Mount> ParseMount(std::string_view line)
     }
     const std::string_view type = TakeUntil(line, ' ');
     const std::string_view source = TakeUntil(line, ' ');
-    if (source.empty())
+    if (source.empty() || !IsDeviceNumber(number))
         return std::nullopt;
     if (type == "btrfs")
         return Mount{"", Unescaped(mountPoint), Unescaped(source)};
@@ -131,7 +138,7 @@ std::vector<std::string> ParseSwapTable(std::string_view text)
         const std::string_view name = line.substr(0, line.find_first_of(" \t"));
         line.remove_prefix(name.size());
         line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
-        if (BeginsWith(line, "partition"))
+        if (!name.empty() && BeginsWith(line, "partition"))
             devices.push_back(Unescaped(name));
     }
     return devices;

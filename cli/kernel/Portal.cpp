@@ -5,6 +5,7 @@
 #include <charconv>
 #include <memory>
 
+#include <arpa/inet.h>
 #include <netdb.h>
 
 namespace cli
@@ -22,6 +23,19 @@ std::uint16_t ParsePort(std::string_view text)
     const char* const end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data() + 1, end, port);
     return text.front() == ':' && error == std::errc() && stop == end ? port : std::uint16_t{0};
+}
+
+// Whether `host` can be an address or a name: no blank, no control character, and a colon only in an
+// IPv6 address, which may have a zone: fe80::1%eth0.
+bool IsHost(std::string_view host)
+{
+    const bool isWord =
+        std::none_of(host.begin(), host.end(), [](unsigned char c) { return c <= ' ' || c == 0x7f; });
+    const std::string address(host.substr(0, host.find('%')));
+    in6_addr ignored{};
+    return isWord && !host.empty() && host.find_first_of("[]") == std::string_view::npos &&
+           (host.find(':') == std::string_view::npos ||
+            inet_pton(AF_INET6, address.c_str(), &ignored) == 1);
 }
 
 // The addresses of `host` in their canonical spelling. If it cannot be resolved, empty, and sets
@@ -72,7 +86,7 @@ std::optional<Portal> ParsePortal(std::string_view text)
     const std::string_view host = isBracketed ? text.substr(1, bracket - 1) : text.substr(0, hostEnd);
     const std::string_view port = text.substr(hostEnd);
     const std::uint16_t number = port.empty() ? kDefaultPort : ParsePort(port);
-    if (host.empty() || host.find_first_of("[]") != std::string_view::npos || number == 0)
+    if (!IsHost(host) || number == 0)
         return std::nullopt;
     return Portal{std::string(host), number};
 }

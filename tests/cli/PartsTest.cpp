@@ -35,6 +35,7 @@ TEST(Portal, IsParsedMatchedAndFormatted)
           PortalRow{"[2001:db8::10]:3260,1", "[2001:db8::10]", false},
           PortalRow{"2001:db8::10", "[2001:db8::10]", false},
           PortalRow{"array-a:1", "array-a:1", false}, PortalRow{"192.0.2.10:", nullptr, false},
+          PortalRow{"fe80::1%eth0", "[fe80::1%eth0]", false}, PortalRow{"a:b:c", nullptr, false},
           PortalRow{"192.0.2.10:65536", nullptr, false}, PortalRow{"192.0.2.10:0", nullptr, false},
           PortalRow{"192.0.2.10:1x", nullptr, false}, PortalRow{"[::1]x3260", nullptr, false},
           PortalRow{"localhost", "localhost", false}, PortalRow{"[]:3260", nullptr, false},
