@@ -1,5 +1,6 @@
-// The shared pointer and the sleep.
+// The shared pointer, the error object and the sleep.
 
+#include "host/CHxError.h"
 #include "host/HxSleep.h"
 #include "host/SP.h"
 #include "standalone/hxutils/Pauses.h"
@@ -9,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -34,8 +36,8 @@ TEST(SharedPointer, DeletesWithTheLastShare)
         SP<Counted> empty;
         EXPECT_EQ(empty.operator->(), nullptr);
         SP<Counted> one(new Counted(alive));
+        one = *&one; // the only share
         const SP<Counted> two(one);
-        one = *&one;
         one = SP<Counted>(new Counted(alive));
         EXPECT_EQ(alive, 2);
         empty = two;
@@ -66,6 +68,18 @@ TEST(SharedPointer, IsSharedAmongThreads)
         EXPECT_EQ(alive, 1);
     }
     EXPECT_EQ(alive, 0);
+}
+
+TEST(Error, IsCopiedWithItsCode)
+{
+    CHxError copy = CHxError::Success();
+    EXPECT_EQ(copy.getCode(), 0);
+    CHxError failure(copy);
+    const std::int32_t code = 5; // only a host of its own makes such
+    std::memcpy(static_cast<void*>(&failure), &code, sizeof code);
+    copy = failure;
+    EXPECT_EQ(copy.getCode(), 5);
+    EXPECT_EQ(CHxError(failure).getCode(), 5);
 }
 
 std::chrono::milliseconds Slept(unsigned long milliseconds)
