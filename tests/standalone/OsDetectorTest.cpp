@@ -48,24 +48,18 @@ TEST(OsDetector, ReadsReleaseFiles)
     EXPECT_EQ(systems, 18);
 }
 
-TEST(OsDetector, FillsTheGlobalsForManyThreads)
+TEST(OsDetector, FillsTheGlobalsAndKeepsThemIfItCannotLook)
 {
     const znhost::OperatingSystem system = znhost::ReadOperatingSystem("/");
     const auto detect = [&system] {
-        for (int call = 0; call < 50; ++call)
-        {
-            detectOSType();
-            EXPECT_EQ(g_iOsType, system.family);
-            EXPECT_EQ(g_iOsVersion, system.release);
-        }
+        detectOSType();
+        EXPECT_EQ(g_iOsType, system.family);
+        EXPECT_EQ(g_iOsVersion, system.release);
     };
     std::thread other(detect);
     detect();
     other.join();
-}
 
-TEST(OsDetector, KeepsItsValuesIfItCannotLook)
-{
     std::string said;
     const znhost::LogTap tap([](int level, const char*, const char*) { return level < 0; },
                              [&](const znhost::LogEntry& entry) { said = entry.text; });

@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstring>
@@ -53,13 +52,9 @@ TEST(SharedPointer, IsSharedAmongThreads)
     int alive = 0;
     {
         const SP<Counted> shared(new Counted(alive));
-        std::atomic<int> waiting{4};
-        std::vector<std::thread> threads;
-        threads.reserve(4);
-        for (int i = 0; i < 4; ++i)
-            threads.emplace_back([&] {
-                for (--waiting; waiting > 0;)
-                    std::this_thread::yield();
+        std::vector<std::thread> threads(4);
+        for (std::thread& thread : threads)
+            thread = std::thread([&] {
                 for (int round = 0; round < 1'000'000; ++round)
                     SP<Counted>().assign(shared);
             });
