@@ -71,12 +71,9 @@ class DiskSearch
 {
 public:
     // Adds the disks beneath the whole device `device`, through all layers, or the device itself if it
-    // is a disk. `layers` is the depth of this call.
-    void Descend(const fs::path& device, int layers = 0)
+    // is a disk.
+    void Descend(const fs::path& device)
     {
-        constexpr int kMaxLayers = 64; // more than any machine has, and little for the call stack
-        if (layers > kMaxLayers)
-            throw std::runtime_error("more than " + std::to_string(kMaxLayers) + " layers of devices");
         const auto [visit, isNew] = m_isDone.emplace(device, false);
         if (!isNew && !visit->second)
             throw std::runtime_error(device.string() + " lies beneath itself");
@@ -89,7 +86,7 @@ public:
             !ReadMapName(device)) // a map without paths is not a disk
             m_disks.insert(device);
         for (; slave != fs::directory_iterator(); ++slave)
-            Descend(WholeDevice(device.parent_path() / slave->path().filename()), layers + 1);
+            Descend(WholeDevice(device.parent_path() / slave->path().filename()));
         visit->second = true;
     }
 

@@ -27,7 +27,7 @@ public:
     //
     // Empty if `path` is null or names no device, or if a device vanishes during the look-up. Throws
     // std::runtime_error, with a sentence for the log, if sysfs cannot be read, or if devices are
-    // stacked in a loop or too deep.
+    // stacked in a loop.
     SP<ZnDevice> FindDevice(const char* path) const;
 
     // Returns the whole device of the one that `path` names: the disk of a partition, any other device

@@ -25,7 +25,7 @@ Word ParseWord(const std::string& word)
         return std::nullopt;
     if (word == "|") // what the lines below add to
         return "";
-    return word.front() == '@' ? ReadData(word.substr(1)) : word;
+    return word.front() == '@' ? ReadFile("recorded/" + word.substr(1)) : word;
 }
 
 std::vector<Word> ParseWords(const std::string& line)
@@ -124,9 +124,9 @@ std::vector<Case> ParseCases(const std::string& text)
     return cases;
 }
 
-std::string ReadData(const std::string& name)
+std::string ReadFile(const std::string& name)
 {
-    const std::ifstream file(DATA + name);
+    const std::ifstream file(FILES + name);
     EXPECT_TRUE(file) << name;
     std::ostringstream text;
     text << file.rdbuf();

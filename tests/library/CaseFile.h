@@ -18,7 +18,7 @@
 //     = 0
 //
 // A statement is a line of words. A "quoted word" may contain blanks or be empty; null is a null
-// pointer; @NAME is the text of the data file NAME; | is the text of the following lines that begin
+// pointer; @NAME is the text of the file NAME in recorded/; | is the text of the following lines that begin
 // with |, including their line ends. Quoted words and such lines know the escapes \n, \r, \t and \\.
 //
 // "ask" expects the answer behind " = ", continued on lines indented by two blanks. "call" expects
@@ -48,5 +48,5 @@ struct Case
 
 std::vector<Case> ParseCases(const std::string& text);
 
-// Returns the data file `name`. The test fails if there is none.
-std::string ReadData(const std::string& name);
+// Returns the text of the file `name` in this directory. The test fails if there is none.
+std::string ReadFile(const std::string& name);

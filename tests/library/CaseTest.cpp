@@ -189,12 +189,13 @@ const std::map<std::string, Function> kFunctions{
      }},
     {"ParseIscsiadmSessionInfoOutput",
      [](auto&, auto& a) {
-         std::vector<iSSCSISessionInfo> records;
+         std::vector<iSSCSISessionInfo> records{{"before", "", ""}};
          const int result = ParseIscsiadmSessionInfoOutput(a[0], records);
+         EXPECT_EQ(records.at(0).sDeviceName, "before");
          std::list<std::string> values;
-         for (const auto& record : records)
-             values.push_back(record.sDeviceName + '|' + record.sTargetPortal + '|' +
-                              record.sTargetVolIQN);
+         for (auto record = records.begin() + 1; record < records.end(); ++record)
+             values.push_back(record->sDeviceName + '|' + record->sTargetPortal + '|' +
+                              record->sTargetVolIQN);
          return Answer(result, values);
      }},
     {"GetRegStr",
@@ -270,7 +271,7 @@ class CaseFile : public testing::TestWithParam<const char*>
 
 TEST_P(CaseFile, EveryCase)
 {
-    const std::vector<Case> cases = ParseCases(ReadData(GetParam() + std::string(".cases")));
+    const std::vector<Case> cases = ParseCases(ReadFile(std::string("data/") + GetParam() + ".cases"));
     EXPECT_FALSE(cases.empty());
     for (const Case& test : cases)
         RunCase(test);

@@ -9,17 +9,16 @@
 #include <gmock/gmock-matchers.h>
 #include <gtest/gtest.h>
 
-#include <array>
-#include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iomanip>
+#include <iterator>
+#include <map>
 #include <memory>
-#include <regex>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -28,126 +27,136 @@
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace
 {
 
+long g_now = 0; // if not 0, the second of the next line; each further one is a second later
+std::function<void()> g_atLock; // what another process does before the log takes its lock
+
+} // namespace
+
+extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept
+{
+    if (g_now == 0)
+        return static_cast<int>(syscall(SYS_clock_gettime, clock, time));
+    *time = {g_now++, 7'999'999};
+    return 0;
+}
+
+extern "C" int flock(int file, int operation) noexcept
+{
+    if (g_atLock)
+        g_atLock();
+    return static_cast<int>(syscall(SYS_flock, file, operation));
+}
+
+namespace
+{
+
 namespace fs = std::filesystem;
+using testing::ContainsRegex;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+
+std::vector<std::string> Lines(const fs::path& file)
+{
+    std::vector<std::string> lines;
+    std::ifstream stream(file);
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+// Writes lines in calls of their own.
+void Write(int count, const std::string& text = "x", int level = 0)
+{
+    errno = EDOM;
+    for (; count > 0; --count) // -1: how a call passes the highest job identifier
+        EvEvent().DebugLvl("Writer", level, -1LL, "%s", text.c_str());
+    EXPECT_EQ(errno, EDOM);
+}
 
 class Log : public testing::Test
 {
 protected:
-    void SetUp() override
+    Log()
     {
-        std::string name = (fs::temp_directory_path() / "zniscsi-log-XXXXXX").string();
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        m_folder = name;
-        m_file = m_folder / "log";
-        m_older = m_folder / "log.1";
-        setenv("ZN_LOG_FILE", m_ownFile.c_str(), 1);
+        setenv("ZN_REGISTRY", m_registry.c_str(), 1);
+        setenv("ZN_LOG_FILE", m_file.c_str(), 1);
         setenv("ZN_LOG_MAX_SIZE", "0", 1);
     }
-    void TearDown() override
+    ~Log() override { fs::remove_all(m_directory); }
+
+    // Runs `host` in a process of its own, since the log reads its settings once. Returns what is wrong
+    // with them, or why lines were lost.
+    std::string Run(const std::map<std::string, std::string>& settings,
+                    const std::function<void()>& host) const
     {
-        fs::remove_all(m_folder);
-        fs::remove(m_ownFile);
+        const fs::path said = m_directory / "said";
+        const pid_t pid = fork();
+        if (pid == 0)
+        {
+            alarm(100);
+            umask(0);
+            for (const auto& [name, value] : settings)
+                setenv(name.c_str(), value.c_str(), 1);
+            host();
+            sigset_t blocked;
+            pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+            EXPECT_EQ(sigismember(&blocked, SIGPIPE), 0);
+            std::ofstream(said) << znhost::CurrentLogSettings().fault << znhost::LastLogError();
+            std::fflush(stdout);
+            _exit(HasFailure() ? 1 : 0);
+        }
+        int status = -1;
+        waitpid(pid, &status, 0);
+        EXPECT_EQ(status, 0);
+        std::ifstream words(said);
+        return {std::istreambuf_iterator<char>(words), {}};
     }
 
-    // Runs the writer with `environment` ("A=b C=d") after the shell commands `before`. Returns its
-    // output.
-    std::string Write(const std::string& environment, int level, int count, const std::string& text,
-                      const std::string& how = "", const std::string& before = "") const
-    {
-        std::string quoted;
-        for (const char c : text)
-            quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-        const std::string command = before + "env ZN_REGISTRY='" + (m_folder / "registry").string() +
-                                    "' ZN_LOG_FILE='" + m_file.string() + "' " + environment +
-                                    " " LOG_WRITER " " + std::to_string(level) + ' ' +
-                                    std::to_string(count) + " '" + quoted + "' " + how;
-        const std::unique_ptr<FILE, int (*)(FILE*)> pipe(
-            popen(command.c_str(), "r"), // NOLINT(cert-env33-c)
-            &pclose);
-        std::string printed;
-        for (int c = 0; pipe && (c = std::fgetc(pipe.get())) != EOF;)
-            printed += static_cast<char>(c);
-        return printed;
-    }
-
-    std::vector<std::string> Lines(const fs::path& file) const
-    {
-        std::vector<std::string> lines;
-        std::ifstream stream(file);
-        for (std::string line; std::getline(stream, line);)
-            lines.push_back(line);
-        return lines;
-    }
-    std::vector<std::string> Lines() const { return Lines(m_file); }
-
-    fs::path m_folder;
-    fs::path m_file;
-    fs::path m_older; // what it is renamed to
-    // The file that this process itself writes to, in every test: it reads the settings once.
-    fs::path m_ownFile = fs::temp_directory_path() / ("zniscsi-log-own-" + std::to_string(::getpid()));
+    fs::path m_directory = testing::TempDir() + "log-" + std::to_string(getpid());
+    fs::path m_registry = m_directory / "registry";
+    fs::path m_file = m_directory / "log";
+    fs::path m_older = m_directory / "log.1"; // what it is renamed to
+    bool m_isMade = fs::create_directory(m_directory);
 };
-
-std::string Escaped(std::string_view text)
-{
-    std::ostringstream escaped;
-    for (const char byte : text)
-        escaped << "\\x" << std::hex << std::setw(2) << std::setfill('0') << (byte & 0xff);
-    return escaped.str();
-}
 
 TEST(Text, IsEscapedWhereItIsNotPlain)
 {
-    EXPECT_EQ(znlib::Printable("two\nlines\r\n\tC:\\n"), R"(two\nlines\r\n\tC:\\n)");
+    EXPECT_EQ(znlib::Printable("two\nlines\r\n\tC:\\n\x9b("), R"(two\nlines\r\n\tC:\\n\x9b()");
     const std::string plain =
         "100% %s ~ \xc3\xa9 \xe0\xa0\x80 \xe2\x82\xac \xed\x9f\xbf \xf0\x9f\x98\x80";
     EXPECT_EQ(znlib::Printable(plain), plain);
-    for (const char* const other : {"\x1b",
-                                    "\a",
-                                    "\x7f",
-                                    "\xc2\x9b", // control characters
-                                    "\x9b",
-                                    "\xff",
-                                    "\xe2\x82",
-                                    "\xe2", // no first byte, cut
-                                    "\xc0\x80",
-                                    "\xe0\x9f\xbf",
-                                    "\xf0\x8f\xbf\xbf", // overlong
-                                    "\xed\xa0\x80",
-                                    "\xf4\x90\x80\x80",
-                                    "\xf9\x80\x80", // a surrogate, too high
-                                    "\xe2\x80\xae",
-                                    "\xe2\x81\xa6",
-                                    "\xe2\x80\xa8", // reordered, a line separator
-                                    "\xe2\x80\x8b",
-                                    "\xef\xbb\xbf",
-                                    "\xc2\xad"}) // unseen
-        EXPECT_EQ(znlib::Printable(std::string(other) + "("), Escaped(other) + '(');
+    // Control characters; no first byte, cut; overlong; a surrogate, too high; reordered, a line
+    // separator; unseen. One after the other.
+    std::istringstream others("\x1b \a \x7f \xc2\x9b "
+                              "\x9b \xff \xe2\x82 \xe2 "
+                              "\xc0\x80 \xe0\x9f\xbf \xf0\x8f\xbf\xbf "
+                              "\xed\xa0\x80 \xf4\x90\x80\x80 \xf9\x80\x80 "
+                              "\xe2\x80\xae \xe2\x81\xa6 \xe2\x80\xa8 "
+                              "\xe2\x80\x8b \xef\xbb\xbf \xc2\xad");
+    for (std::string other; others >> other;)
+        EXPECT_EQ(znlib::Printable(other + '(').size(), 4 * other.size() + 1) << other;
 }
 
 TEST_F(Log, WritesOneLinePerEntryInUtc)
 {
-    const std::pair<const char*, std::array<const char*, 2>> rows[] = {
-        {"1767225599 TZ=XXX-05:30", {"2025-12-31T23:59:59.007Z", "2026-01-01T00:00:00.007Z"}},
-        {"1709164799 TZ=YYY03:30", {"2024-02-28T23:59:59.007Z", "2024-02-29T00:00:00.007Z"}}};
-    for (const auto& [clock, times] : rows)
-    {
-        fs::remove(m_file);
-        Write(std::string("CLOCK=") + clock, 0, 2,
-              "forged\n2026-01-01T00:00:00.000Z [1:1] 0 Writer: x");
-        ASSERT_EQ(Lines().size(), 2U);
-        for (std::size_t i = 0; i < times.size(); ++i)
-            EXPECT_TRUE(std::regex_match(
-                Lines()[i], std::regex(std::string(times.at(i)) +
-                                       R"( \[\d+:\d+\] 0 job=18446744073709551615 Writer: forged\\n)"
-                                       R"(2026-01-01T00:00:00.000Z \[1:1\] 0 Writer: x)")))
-                << Lines()[i];
-    }
+    Run({{"TZ", "XXX-05:30"}}, [] {
+        g_now = 1767225599;
+        Write(2, "forged\n2026-01-01T00:00:00.000Z [1:1] 0 Writer: x");
+        g_now = 0;
+    });
+    const std::string rest = R"( \[[0-9]+:[0-9]+\] 0 job=18446744073709551615 Writer: )"
+                             R"(forged\\n2026-01-01T00:00:00\.000Z \[1:1\] 0 Writer: x)";
+    EXPECT_THAT(Lines(m_file),
+                ElementsAre(testing::MatchesRegex(R"(2025-12-31T23:59:59\.007Z)" + rest),
+                            testing::MatchesRegex(R"(2026-01-01T00:00:00\.007Z)" + rest)));
 }
 
 TEST_F(Log, SettingsComeFromTheRegistryAndTheEnvironment)
@@ -156,220 +165,207 @@ TEST_F(Log, SettingsComeFromTheRegistryAndTheEnvironment)
     {
         const char* name;
         const char* registry;
-        const char* environment;
+        const char* level;
         std::size_t shown; // of the levels -1, 0, 1 and 2
-        const char* error; // a part of it
+        const char* error; // a pattern of it
     };
     for (const Row& row :
-         {Row{"default", "", "", 2, ""}, Row{"registry", "[Log]\nLevel = 2\n", "", 4, ""},
-          Row{"environment wins", "[Log]\nLevel = 2\n", "ZN_LOG_LEVEL=-1", 1, ""},
-          Row{"no number", "", "ZN_LOG_LEVEL=loud", 2, "level cannot be \"loud\""},
+         {Row{"default", "", "", 2, "^$"}, Row{"registry", "[Log]\nLevel = 1\n", "", 3, "^$"},
+          Row{"environment wins", "[Log]\nLevel = 1\n", "2", 4, "^$"},
+          Row{"lowest", "[Log]\nLevel = -1\n", "", 1, "^$"},
+          Row{"no number", "", "loud", 2, "level cannot be \"loud\""},
           Row{"too high", "[Log]\nLevel = 3\n", "", 2, "from -1 to 2"},
           Row{"too low", "[Log]\nLevel = -2\n", "", 2, "from -1 to 2"},
-          Row{"empty variable", "[Log]\nLevel = 1\n", "ZN_LOG_LEVEL=", 3, ""},
           Row{"broken registry", "[Log\n", "", 2, "registry"}})
     {
-        std::ofstream(m_folder / "registry") << row.registry;
+        std::ofstream(m_registry) << row.registry;
+        const auto writeAll = [] {
+            for (const int level : {-1, 0, 1, 2})
+                Write(1, "x", level);
+        };
+        EXPECT_THAT(Run({{"ZN_LOG_LEVEL", row.level}}, writeAll), ContainsRegex(row.error)) << row.name;
+        EXPECT_EQ(Lines(m_file).size(), row.shown) << row.name;
         fs::remove(m_file);
-        EXPECT_THAT(Write(row.environment, -1, 4, "x", "rising"), testing::HasSubstr(row.error))
-            << row.name;
-        EXPECT_EQ(Lines().size(), row.shown) << row.name;
     }
 }
 
 TEST_F(Log, IsRotatedBeforeItExceedsItsLimit)
 {
-    for (const char* const how : {"", "kept 2>&1"})
+    for (const std::size_t excess : {0U, 1U})
     {
+        Run({{"ZN_LOG_MAX_SIZE", "10000"}}, [&] {
+            Write(1);
+            fs::resize_file(m_file, 10000 - fs::file_size(m_file) + excess);
+            Write(1);
+        });
+        EXPECT_EQ(fs::exists(m_older), excess == 1);
         fs::remove(m_file);
-        Write("ZN_LOG_MAX_SIZE=10000", 0, 15, std::string(1000, 'x'), how);
-        EXPECT_LE(fs::file_size(m_file), 10000U) << how;
-        EXPECT_LE(fs::file_size(m_older), 10000U) << how;
-        EXPECT_EQ(Lines().size() + Lines(m_older).size(), 15U) << how;
     }
-    EXPECT_EQ(fs::status(m_file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
-    for (const char* const how : {"full", "overfull"})
+    for (const bool isOneCall : {false, true})
     {
-        fs::remove(m_older);
+        Run({{"ZN_LOG_MAX_SIZE", "10000"}}, [&] {
+            const std::unique_ptr<EvEvent> call(isOneCall ? new EvEvent : nullptr);
+            Write(15, std::string(1000, 'x'));
+        });
+        EXPECT_LE(fs::file_size(m_file), 10000U);
+        EXPECT_LE(fs::file_size(m_older), 10000U);
+        EXPECT_EQ(Lines(m_file).size() + Lines(m_older).size(), 15U);
         fs::remove(m_file);
-        Write("ZN_LOG_MAX_SIZE=10000", 0, 2, "x", how);
-        EXPECT_EQ(fs::exists(m_older), how == std::string("overfull"));
     }
+    EXPECT_EQ(fs::status(m_older).permissions(), fs::perms::owner_read | fs::perms::owner_write);
 }
 
 TEST_F(Log, IsRotatedOnceByTwoProcesses)
 {
-    Write("ZN_LOG_MAX_SIZE=1", 0, 1, "first");
-    EXPECT_FALSE(fs::exists(m_older)) << "an empty file was rotated";
-    EXPECT_EQ(Write("ZN_LOG_MAX_SIZE=1", 0, 1, "second", "rotated"), "\n");
-    EXPECT_THAT(Lines(m_older), testing::ElementsAre(testing::EndsWith("first")));
-    EXPECT_THAT(Lines(), testing::ElementsAre("theirs", testing::EndsWith("second")));
-    EXPECT_EQ(Write("ZN_LOG_MAX_SIZE=1", 0, 1, "third", "moved"), "\n");
-    EXPECT_THAT(Lines(), testing::ElementsAre(testing::EndsWith("third")));
+    const auto writeTiny = [this](const char* text, const std::function<void()>& atLock) {
+        EXPECT_EQ(Run({{"ZN_LOG_MAX_SIZE", "1"}},
+                      [&] {
+                          g_atLock = atLock;
+                          Write(1, text);
+                      }),
+                  "");
+    };
+    const auto rename = [this] { fs::rename(m_file, m_older); };
+    writeTiny("first", [] { FAIL() << "an empty file was rotated"; });
+    writeTiny("second", [&] {
+        rename();
+        std::ofstream(m_file) << "theirs\n";
+    });
+    EXPECT_THAT(Lines(m_older), ElementsAre(EndsWith("first")));
+    EXPECT_THAT(Lines(m_file), ElementsAre("theirs", EndsWith("second")));
+    writeTiny("third", rename);
+    EXPECT_THAT(Lines(m_file), ElementsAre(EndsWith("third")));
 }
 
 TEST_F(Log, GrowsIfItCannotBeRotated)
 {
-    Write("", 0, 1, "x");
+    const auto writeOne = [] { Write(1); };
+    Run({}, writeOne);
     const int holder = open(m_file.c_str(), O_RDONLY | O_CLOEXEC);
     ASSERT_EQ(flock(holder, LOCK_EX), 0);
-    EXPECT_EQ(Write("ZN_LOG_MAX_SIZE=1", 0, 1, "another process has the lock"), "\n");
+    EXPECT_EQ(Run({{"ZN_LOG_MAX_SIZE", "1"}}, writeOne), "") << "another process has the lock";
+    flock(holder, LOCK_UN);
     close(holder);
     fs::create_directory(m_older);
-    EXPECT_THAT(Write("ZN_LOG_MAX_SIZE=1", 0, 1, "x"), testing::EndsWith("Is a directory\n"));
-    EXPECT_EQ(Lines().size(), 3U);
-}
-
-TEST_F(Log, ManyProcessesWriteOneFile)
-{
-    constexpr std::size_t kWriters = 4;
-    constexpr std::size_t kLines = 200;
-    const std::string text(300, 'y');
-    std::vector<std::thread> writers;
-    for (std::size_t i = 0; i < kWriters; ++i)
-        writers.emplace_back([&] { Write("ZN_LOG_MAX_SIZE=180000", 0, kLines, text); });
-    for (std::thread& writer : writers)
-        writer.join();
-    std::vector<std::string> lines = Lines();
-    const std::vector<std::string> older = Lines(m_older);
-    EXPECT_FALSE(older.empty());
-    lines.insert(lines.end(), older.begin(), older.end());
-    EXPECT_EQ(lines.size(), kWriters * kLines);
-    for (const std::string& line : lines)
-        EXPECT_TRUE(line.size() > 300 && line.compare(line.size() - 308, 308, "Writer: " + text) == 0)
-            << line;
+    EXPECT_THAT(Run({{"ZN_LOG_MAX_SIZE", "1"}}, writeOne), EndsWith("Is a directory"));
+    EXPECT_EQ(Lines(m_file).size(), 3U);
 }
 
 TEST_F(Log, FollowsLinksOfRootAndItsOwnUserOnly)
 {
-    const fs::path link = m_folder / "link";
+    const fs::path link = m_directory / "link";
     fs::create_symlink("second", link);
-    fs::create_symlink(m_file, m_folder / "second");
-    const std::string environment = "ZN_LOG_FILE='" + link.string() + "' ZN_LOG_MAX_SIZE=1";
-    EXPECT_EQ(Write(environment, 0, 2, "x"), "\n");
+    fs::create_symlink(m_file, m_directory / "second");
+    const std::map<std::string, std::string> tiny{{"ZN_LOG_FILE", link}, {"ZN_LOG_MAX_SIZE", "1"}};
+    EXPECT_EQ(Run(tiny, [] { Write(2); }), "");
     EXPECT_TRUE(fs::is_symlink(link));
-    EXPECT_EQ(Lines().size(), 1U);
+    EXPECT_EQ(Lines(m_file).size(), 1U);
     EXPECT_EQ(Lines(m_older).size(), 1U);
 
-    const fs::path block = m_folder / "block"; // without a driver: it cannot be opened
+    const fs::path block = m_directory / "block"; // without a driver: it cannot be opened
     if (lchown(link.c_str(), 65534, 65534) != 0 || mknod(block.c_str(), S_IFBLK | 0600, 0xfff00) != 0)
         GTEST_SKIP() << "only root can make a link of another user and a block device";
-    EXPECT_THAT(Write(environment, 0, 1, "y"), testing::HasSubstr("is another user's"));
-    EXPECT_EQ(Lines().size(), 1U);
-    EXPECT_THAT(Write("ZN_LOG_FILE='" + block.string() + "'", 0, 1, "y"),
-                testing::EndsWith(": it is a block device\n"));
+    EXPECT_THAT(Run(tiny, [] { Write(1); }), HasSubstr("is another user's"));
+    EXPECT_EQ(Lines(m_file).size(), 1U);
+    EXPECT_THAT(Run({{"ZN_LOG_FILE", block}}, [] { Write(1); }), EndsWith(": it is a block device"));
 }
 
 TEST_F(Log, TellsWhyLinesAreLost)
 {
+    const auto writeWithoutReader = [this](int level) {
+        int ends[2]{};
+        ASSERT_EQ(pipe(ends), 0);
+        dup2(ends[1], STDERR_FILENO);
+        close(ends[0]);
+        fs::current_path(m_directory);
+        Write(1, "x", level);
+    };
+    ASSERT_EQ(mkfifo((m_directory / "fifo").c_str(), 0600), 0);
+    fs::create_symlink("circle", m_directory / "circle");
     const std::pair<const char*, const char*> rows[] = {
         {"/dev/full", "No space left on device"},
         {"/no/such/log", "No such file or directory"},
         {"fifo", "No such device or address"}, // without a reader
         {"circle", "a symbolic link there is another user's, or leads round in a circle"},
-        {"/dev/stderr", "No such device or address"},
+        {"/dev/stderr", "Broken pipe"},
         {"-", "Broken pipe"}};
-    // Standard error is a pipe without a reader.
-    const std::string before = "cd '" + m_folder.string() +
-                               "' && rm -f fifo && mkfifo -m 600 pipe fifo && ln -sf circle circle && "
-                               "exec 3<>pipe 2>pipe 3<&- && rm pipe && ";
     for (const auto& [file, reason] : rows)
         for (const int level : {0, -1})
-            EXPECT_EQ(Write(std::string("ZN_LOG_FILE=") + file, level, 1, "x", "", before),
-                      std::string("cannot write the log ") + file + ": " + reason + '\n');
-    EXPECT_THAT(Write("ZN_LOG_FILE=-", 0, 1, "x", "kept 2>&1"),
-                testing::EndsWith("Writer: x\nstill open\n\n"));
-    EXPECT_EQ(Write("ZN_LOG_FILE=/no/such/log", 1, 1, "x"), "\n") << "a dropped line was written";
-    EXPECT_THAT(Write("ZN_LOG_FILE=" + std::string(5000, 'x'), 1, 1, "x"),
-                testing::EndsWith("the name is too long\n"));
+            EXPECT_EQ(Run({{"ZN_LOG_FILE", file}}, [&] { writeWithoutReader(level); }),
+                      std::string("cannot write the log ") + file + ": " + reason);
+    const auto writeToFile = [this] {
+        dup2(open(m_file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600), STDERR_FILENO);
+        const EvEvent call;
+        Write(1);
+        EXPECT_THAT(Lines(m_file), ElementsAre(EndsWith("Writer: x"))) << "the line was buffered";
+    };
+    EXPECT_EQ(Run({{"ZN_LOG_FILE", "-"}}, writeToFile), "");
+    EXPECT_EQ(Run({{"ZN_LOG_FILE", "/no/such/log"}}, [] { Write(1, "x", 1); }), "")
+        << "a dropped line was written";
+    EXPECT_THAT(Run({{"ZN_LOG_FILE", std::string(5000, 'x')}}, [] { Write(1, "x", 1); }),
+                EndsWith("the name is too long"));
 }
 
 TEST_F(Log, IsWrittenBeforeTheHostWaits)
 {
-    const std::pair<const char*, std::function<void(EvEvent&)>> rows[] = {
-        {"an error", [](EvEvent& log) { log.DebugLvl("T", -1, "error"); }},
+    const std::pair<const char*, std::function<void()>> rows[] = {
+        {"an error", [] { EvEvent().DebugLvl("T", -1, "error"); }},
         {"a tool",
-         [](EvEvent&) {
+         [] {
              std::string output, errorOutput;
              ZnProcess::system("/bin/true", &output, &errorOutput, 0, false);
          }},
-        {"a pause", [](EvEvent&) { HXSLEEP_InTeRnAl(0, "test", 0); }},
-        {"many lines",
-         [](EvEvent& log) {
-             for (int i = 0; i < 1000; ++i)
-                 log.DebugLvl("T", 0, "%100d", i);
-         }},
+        {"a pause", [] { HXSLEEP_InTeRnAl(0, "test", 0); }},
+        {"many lines", [] { Write(1000, std::string(100, 'x')); }},
         {"the end of the call", nullptr}};
-    for (const auto& [name, wait] : rows)
+    for (const auto& row : rows)
     {
-        {
+        Run({}, [&] {
             const EvEvent outer;
-            EvEvent().DebugLvl("T", 0, "before %s", name);
-            EvEvent log;
-            EXPECT_EQ(Lines(m_ownFile).size(), 0U) << "the line was not buffered";
-            if (wait)
-                wait(log);
-            EXPECT_EQ(Lines(m_ownFile).empty(), !wait) << name;
-        }
-        EXPECT_THAT(Lines(m_ownFile).at(0), testing::EndsWith(std::string("before ") + name));
-        fs::remove(m_ownFile);
+            EvEvent().DebugLvl("T", 0, "before %s", row.first);
+            const EvEvent log;
+            EXPECT_FALSE(fs::exists(m_file)) << "the line was not buffered";
+            if (row.second)
+                row.second();
+            EXPECT_EQ(fs::exists(m_file), row.second != nullptr) << row.first;
+        });
+        EXPECT_THAT(Lines(m_file).at(0), EndsWith(std::string("before ") + row.first));
+        fs::remove(m_file);
     }
 }
 
-TEST_F(Log, AnyForkedChildMayWrite)
+TEST_F(Log, IsWrittenByTheProcessOfEachLine)
 {
-    EvEvent log;
-    log.DebugLvl("T", 0, "written once, by the parent");
-    std::atomic<bool> isOver{false};
-    std::vector<std::thread> writers;
-    for (int i = 0; i < 3; ++i)
-        writers.emplace_back([&] {
-            while (!isOver)
-                EvEvent().DebugLvl("T", 0, "parent");
-        });
-    for (int child = 0; child < 100; ++child)
-    {
-        const pid_t pid = fork();
-        if (pid == 0)
+    Run({}, [this] {
+        EvEvent log;
+        log.DebugLvl("T", 0, "parent");
+        const pid_t child = fork();
+        if (child == 0)
         {
-            alarm(60); // ends a child that blocks
-            log.DebugLvl("T", 0, "child %d", child);
-            znhost::FlushLog();
+            log.DebugLvl("T", -1, "child");
             _exit(0);
         }
-        int status = -1;
-        waitpid(pid, &status, 0);
-        EXPECT_EQ(status, 0) << child;
-    }
-    isOver = true;
-    for (std::thread& writer : writers)
-        writer.join();
-    znhost::FlushLog();
-    const std::vector<std::string> lines = Lines(m_ownFile);
-    const auto linesWith = [&lines](const char* text) {
-        return std::count_if(lines.begin(), lines.end(), [text](const std::string& line) {
-            return line.find(text) != std::string::npos;
-        });
-    };
-    EXPECT_EQ(linesWith("written once"), 1);
-    EXPECT_EQ(linesWith("child "), 100);
+        wait(nullptr);
+        EXPECT_THAT(Lines(m_file), ElementsAre(HasSubstr('[' + std::to_string(child) + ':')));
+    });
+    EXPECT_THAT(Lines(m_file), ElementsAre(EndsWith("-1 T: child"), EndsWith("0 T: parent")));
 }
 
 TEST_F(Log, LosesWhatALimitForFilesForbids)
 {
-    rlimit usual{};
-    getrlimit(RLIMIT_FSIZE, &usual);
-    const rlimit tight{100, usual.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &tight);
-    EvEvent().DebugLvl("T", 0, "%s", std::string(200, 'x').c_str());
-    EvEvent().DebugLvl("T", 0, "lost");
-    setrlimit(RLIMIT_FSIZE, &usual);
-    EvEvent().DebugLvl("T", 0, "whole");
-    const std::vector<std::string> lines = Lines(m_ownFile);
-    ASSERT_EQ(lines.size(), 2U);
-    EXPECT_EQ(lines[0].size(), 100U);
-    EXPECT_THAT(lines[1], testing::EndsWith("T: whole"));
-    EXPECT_THAT(znhost::LastLogError(), testing::HasSubstr("File too large"));
+    const std::string error = Run({}, [] {
+        rlimit limit{};
+        getrlimit(RLIMIT_FSIZE, &limit);
+        limit.rlim_cur = 100;
+        setrlimit(RLIMIT_FSIZE, &limit);
+        Write(1, std::string(200, 'x'));
+        Write(1, "lost");
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_FSIZE, &limit);
+        Write(1, "whole");
+    });
+    EXPECT_THAT(Lines(m_file), ElementsAre(testing::SizeIs(100), EndsWith("Writer: whole")));
+    EXPECT_THAT(error, HasSubstr("File too large"));
 }
 
 auto UpTo(int highest)
@@ -379,29 +375,31 @@ auto UpTo(int highest)
 
 TEST_F(Log, TapsHearTheirThreadOnlyAndNothingOfThemselves)
 {
-    EvEvent log;
-    std::vector<std::string> outer;
-    std::vector<std::string> inner;
-    const znhost::LogTap outerTap(UpTo(-1), [&](const znhost::LogEntry& entry) {
-        outer.push_back(entry.text);
-        log.DebugLvl("T", -1, "heard %s", entry.text.c_str());
+    Run({}, [] {
+        EvEvent log;
+        std::vector<std::string> outer;
+        std::vector<std::string> inner;
+        const znhost::LogTap outerTap(UpTo(-1), [&](const znhost::LogEntry& entry) {
+            outer.push_back(entry.text);
+            log.DebugLvl("T", -1, "heard %s", entry.text.c_str());
+        });
+        {
+            const znhost::LogTap innerTap(
+                UpTo(2), [&](const znhost::LogEntry& entry) { inner.push_back(entry.text); });
+            log.DebugLvl("T", 2, "%s", "raw\ntext");
+            for (const std::size_t size : {511U, 512U}) // of the buffer for short texts, and one more
+                log.DebugLvl("T", 2, "%s", std::string(size, 'x').c_str());
+            log.Debug("T", "no level");
+            std::thread([] { EvEvent().DebugLvl("T", -1, "another thread"); }).join();
+        }
+        log.DebugLvl("T", 0, "dropped");
+        for (const int number : {7, 8})
+            log.DebugLvl("T", -1, 5LL, "error %d", number);
+        EXPECT_THAT(inner,
+                    ElementsAre("raw\ntext", std::string(511, 'x'), std::string(512, 'x'), "no level"));
+        EXPECT_THAT(outer, ElementsAre("error 7", "error 8"));
     });
-    {
-        const znhost::LogTap innerTap(
-            UpTo(2), [&](const znhost::LogEntry& entry) { inner.push_back(entry.text); });
-        log.DebugLvl("T", 2, "%s", "raw\ntext");
-        for (const std::size_t size : {511U, 512U}) // of the buffer for short texts, and one more
-            log.DebugLvl("T", 2, "%s", std::string(size, 'x').c_str());
-        log.Debug("T", "no level");
-        std::thread([] { EvEvent().DebugLvl("T", -1, "another thread"); }).join();
-    }
-    log.DebugLvl("T", 0, "dropped");
-    for (const int number : {7, 8})
-        log.DebugLvl("T", -1, 5LL, "error %d", number);
-    EXPECT_THAT(inner, testing::ElementsAre("raw\ntext", std::string(511, 'x'), std::string(512, 'x'),
-                                            "no level"));
-    EXPECT_THAT(outer, testing::ElementsAre("error 7", "error 8"));
-    EXPECT_THAT(Lines(m_ownFile).back(), testing::EndsWith("T: heard error 8"));
+    EXPECT_THAT(Lines(m_file).back(), EndsWith("T: heard error 8"));
 }
 
 } // namespace

@@ -1,17 +1,16 @@
-// The registry with files of every kind. This program defines the host's log, and records its lines.
+// The registry with files of every kind.
 #include "standalone/znlib/Registry.h"
 
-#include "host/EvDebug.h"
 #include "host/ZNPlatformInfo.h"
 #include "standalone/helpers/Text.h"
+#include "standalone/znlib/Log.h"
 
 #include <gmock/gmock-matchers.h>
 
 #include <array>
 #include <climits>
-#include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <utility>
@@ -20,26 +19,46 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-using testing::ElementsAre;
-using testing::HasSubstr;
-
 namespace
 {
 
-std::vector<std::string> g_log;
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::HasSubstr;
 
-void Use(const std::string& file)
+class Registry : public testing::Test
 {
-    g_log.clear();
-    ASSERT_EQ(::setenv("ZN_REGISTRY", file.c_str(), 1), 0);
-}
+protected:
+    Registry()
+    {
+        setenv("ZN_LOG_FILE", "/dev/null", 1);
+        fs::create_directory(m_directory);
+        Use(DATA "registry.ini");
+    }
+    ~Registry() override { fs::remove_all(m_directory); }
+
+    void Use(const std::string& file)
+    {
+        setenv("ZN_REGISTRY", file.c_str(), 1);
+        m_log.clear();
+    }
+
+    const fs::path m_directory = testing::TempDir() + "registry-" + std::to_string(getpid());
+    std::vector<std::string> m_log;
+
+private:
+    znhost::LogTap m_tap{[](int level, const char*, const char*) { return level < 0; },
+                         [this](const znhost::LogEntry& entry) {
+                             m_log.push_back(std::string(entry.tag) + ' ' + entry.text);
+                         }};
+};
 
 // The value of `key`, or "none", which the buffer contains before the read.
-std::string ReadString(const std::string& section, const std::string& key)
+std::string ReadString(const std::string& section, const std::string& key, int size = 64)
 {
-    std::array<char, 128> buffer = {"none"};
+    std::array<char, 64> buffer = {"none"};
     ZNPlatformInfo reader;
-    const int isFound = reader.getString(section.c_str(), key.c_str(), buffer.data(), buffer.size());
+    const int isFound = reader.getString(section.c_str(), key.c_str(), buffer.data(), size);
     EXPECT_EQ(isFound == 0, buffer.data() == std::string("none")) << key;
     return buffer.data();
 }
@@ -53,29 +72,9 @@ int ReadInt(const char* key)
     return value;
 }
 
-} // namespace
-
-EvDebug::EvDebug(EvDebugFileInstance* instance) : m_instance(instance) {}
-EvDebug::~EvDebug() = default;
-EvEvent::EvEvent() : EvDebug(nullptr) {}
-EvEvent::~EvEvent() = default;
-
-void EvDebug::DebugLvl(const char* tag, int level, const char* format, ...)
+TEST_F(Registry, FindsStrings)
 {
-    EXPECT_EQ(m_instance, nullptr);
-    EXPECT_STREQ(format, "%s");
-    va_list arguments;
-    va_start(arguments, format);
-    g_log.push_back(std::string(tag) + ' ' + std::to_string(level) + ' ' +
-                    va_arg(arguments, const char*));
-    va_end(arguments);
-}
-
-TEST(Registry, FindsStrings)
-{
-    Use(DATA "registry.ini");
-    const std::string longName(300, 'n');
-    const std::pair<const char*, std::string> rows[] = {{"VolumeKey", "Volume: "},
+    const std::pair<const char*, const char*> rows[] = {{"VolumeKey", "Volume: "},
                                                         {"bare", "two  words ; and no comment"},
                                                         {"quoted", " a ; b # c = d "},
                                                         {"half", "\""},
@@ -84,34 +83,30 @@ TEST(Registry, FindsStrings)
                                                         {"a.b/c", "dots"},
                                                         {"a", "none"},
                                                         {"UTF", "\xc3\xa9"},
-                                                        {"volumekey", "none"},
-                                                        {"longest", std::string(127, 'x')}};
+                                                        {"volumekey", "none"}};
     for (const auto& [key, value] : rows)
         EXPECT_EQ(ReadString("~iStoreNode", key), value) << key;
     EXPECT_EQ(ReadString("iStoreNode", "VolumeKey"), "none");
-    EXPECT_EQ(ReadString(longName, "key"), "long");
     EXPECT_EQ(ZNPlatformInfo().getSectionName("iStoreNode", nullptr), "~iStoreNode");
     EXPECT_EQ(ReadString(ZNPlatformInfo().getSectionName("iStoreNode", "inst1"), "VolumeKey"), "sub");
-    EXPECT_THAT(g_log, ElementsAre());
+    EXPECT_EQ(ReadString("~iStoreNode", "a.b/c", 5), "dots");
+    EXPECT_THAT(m_log, ElementsAre());
 
-    EXPECT_EQ(ReadString("~iStoreNode", longName), "none");
-    EXPECT_EQ(ZNPlatformInfo().getString("~iStoreNode", "half", nullptr, -1), 0);
-    EXPECT_THAT(g_log,
-                ElementsAre("ZNPlatformInfo::getString -1 cannot use [~iStoreNode] " + longName +
-                                " of " DATA "registry.ini: 128 bytes do not fit into 128 with the "
-                                "terminating zero",
-                            HasSubstr("1 bytes do not fit into -1 ")));
+    EXPECT_EQ(ReadString("~iStoreNode", "a.b/c", 4), "none");
+    EXPECT_EQ(ReadString("~iStoreNode", "half", -1), "none");
+    EXPECT_THAT(m_log, ElementsAre("ZNPlatformInfo::getString cannot use [~iStoreNode] a.b/c of " DATA
+                                   "registry.ini: 4 bytes do not fit into 4 with the terminating zero",
+                                   HasSubstr("1 bytes do not fit into -1 ")));
 }
 
-TEST(Registry, FindsNumbers)
+TEST_F(Registry, FindsNumbers)
 {
-    Use(DATA "registry.ini");
     const std::pair<const char*, int> rows[] = {
         {"zero", 0},          {"negative", -3},    {"signed", 7},  {"zeros", 7},    {"quoted", 8},
         {"highest", INT_MAX}, {"lowest", INT_MIN}, {"empty", -77}, {"missing", -77}};
     for (const auto& [key, number] : rows)
         EXPECT_EQ(ReadInt(key), number) << key;
-    EXPECT_THAT(g_log, ElementsAre());
+    EXPECT_THAT(m_log, ElementsAre());
 
     for (const char* const text : {"", "0x10", "5s", "5 6", "1.5", "+-5", "--5", "+", "-", " 5",
                                    "2147483648", "-2147483649", "99999999999999999999"})
@@ -119,40 +114,50 @@ TEST(Registry, FindsNumbers)
     EXPECT_EQ(znlib::ParseNumber<unsigned>("-1"), std::nullopt);
 }
 
-TEST(Registry, TellsWhyANumberOrAFileIsNotUsed)
+TEST_F(Registry, TellsWhyANumberOrAFileIsNotUsed)
 {
-    const std::string large = testing::TempDir() + "large-" + std::to_string(::getpid());
-    std::ofstream(large) << '#' << std::string(1 << 20, 'x');
-    const std::pair<std::string, const char*> rows[] = {
-        {DATA "registry-number.ini",
-         "cannot use [numbers] key of FILE: \"5s\" is not a decimal number of 32 bits"},
-        {DATA "registry-broken.ini", "cannot read FILE: line 3: '=' character not found in line"},
-        {DATA, "cannot read FILE: Is a directory"},
-        {large, "cannot read FILE: longer than 1048576 bytes"},
-        {"/proc/self/cmdline", "cannot read FILE: not a text file"},
-        {std::string(300, 'n'), "cannot read FILE: File name too long"}};
-    for (auto [file, reason] : rows)
-    {
+    const std::string file = m_directory / "file";
+    const auto error = [&] {
         Use(file);
         EXPECT_EQ(ReadInt("key"), -77);
-        const std::string expected = std::string("ZNPlatformInfo::getRegInt -1 ") + reason;
-        EXPECT_THAT(g_log, ElementsAre(std::string(expected).replace(expected.find("FILE"), 4, file)));
-    }
-    ::unlink(large.c_str());
-    std::string error;
-    EXPECT_EQ(znhost::ReadRegistryValue("Log", "File", error), std::nullopt);
-    EXPECT_THAT(error, HasSubstr("File name too long"));
-
-    const std::string fifo = testing::TempDir() + "registry-" + std::to_string(::getpid());
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    for (const std::string& file :
-         {std::string(DATA "missing.ini"), std::string(DATA "registry.ini/x"), fifo})
+        std::string text = m_log.empty() ? "" : m_log[0];
+        const std::size_t name = text.find(file);
+        return name == std::string::npos ? text : text.replace(name, file.size(), "FILE");
+    };
+    const std::pair<std::string, const char*> rows[] = {
+        {"[numbers]\nkey = 5s\n",
+         "getRegInt cannot use [numbers] key of FILE: \"5s\" is not a decimal number of 32 bits"},
+        {"[a]\nkey = 1\nno equals sign\n", "cannot read FILE: line 3: '=' character not found in line"},
+        {std::string(1 << 20, '#'), ""},
+        {std::string((1 << 20) + 1, '#'), "cannot read FILE: longer than 1048576 bytes"},
+        {std::string("\0", 1), "cannot read FILE: not a text file"}};
+    for (const auto& [text, reason] : rows)
     {
-        Use(file);
-        EXPECT_EQ(znhost::ReadRegistryValue("Log", "File", error), std::nullopt);
-        EXPECT_EQ(error, "") << file;
+        std::ofstream(file) << text;
+        EXPECT_THAT(error(), testing::EndsWith(reason));
+        EXPECT_EQ(m_log.empty(), *reason == '\0') << reason;
     }
-    ::unlink(fifo.c_str());
+    fs::permissions(file, fs::perms::none);
+    ASSERT_EQ(seteuid(getuid() == 0 ? 65534 : getuid()), 0);
+    EXPECT_THAT(error(), HasSubstr("cannot read FILE: Permission denied"));
+    ASSERT_EQ(seteuid(getuid()), 0);
+
+    std::string reason;
+    Use(std::string(300, 'n'));
+    EXPECT_EQ(znhost::ReadRegistryValue("Log", "File", reason), std::nullopt);
+    EXPECT_THAT(reason, HasSubstr("File name too long"));
+    ASSERT_EQ(mkfifo((m_directory / "fifo").c_str(), 0600), 0);
+    for (const char* const absent : {"missing", "file/x", "fifo"})
+    {
+        Use(m_directory / absent);
+        EXPECT_EQ(znhost::ReadRegistryValue("Log", "File", reason), std::nullopt);
+        EXPECT_EQ(reason, "") << absent;
+    }
+    Use(m_directory);
+    EXPECT_EQ(ReadInt("key"), -77);
+    EXPECT_THAT(m_log, ElementsAre(testing::EndsWith("Is a directory")));
     Use("");
     EXPECT_EQ(znhost::RegistryFile(), "/etc/zniscsi/registry.ini");
 }
+
+} // namespace

@@ -1,14 +1,15 @@
-// The shared pointer and the sleep.
+// The shared pointer, the error object and the sleep.
 
+#include "host/CHxError.h"
 #include "host/HxSleep.h"
 #include "host/SP.h"
 #include "standalone/hxutils/Pauses.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <csignal>
+#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -34,8 +35,8 @@ TEST(SharedPointer, DeletesWithTheLastShare)
         SP<Counted> empty;
         EXPECT_EQ(empty.operator->(), nullptr);
         SP<Counted> one(new Counted(alive));
+        one = *&one; // the only share
         const SP<Counted> two(one);
-        one = *&one;
         one = SP<Counted>(new Counted(alive));
         EXPECT_EQ(alive, 2);
         empty = two;
@@ -51,13 +52,9 @@ TEST(SharedPointer, IsSharedAmongThreads)
     int alive = 0;
     {
         const SP<Counted> shared(new Counted(alive));
-        std::atomic<int> waiting{4};
-        std::vector<std::thread> threads;
-        threads.reserve(4);
-        for (int i = 0; i < 4; ++i)
-            threads.emplace_back([&] {
-                for (--waiting; waiting > 0;)
-                    std::this_thread::yield();
+        std::vector<std::thread> threads(4);
+        for (std::thread& thread : threads)
+            thread = std::thread([&] {
                 for (int round = 0; round < 1'000'000; ++round)
                     SP<Counted>().assign(shared);
             });
@@ -66,6 +63,18 @@ TEST(SharedPointer, IsSharedAmongThreads)
         EXPECT_EQ(alive, 1);
     }
     EXPECT_EQ(alive, 0);
+}
+
+TEST(Error, IsCopiedWithItsCode)
+{
+    CHxError copy = CHxError::Success();
+    EXPECT_EQ(copy.getCode(), 0);
+    CHxError failure(copy);
+    const std::int32_t code = 5; // only a host of its own makes such
+    std::memcpy(static_cast<void*>(&failure), &code, sizeof code);
+    copy = failure;
+    EXPECT_EQ(copy.getCode(), 5);
+    EXPECT_EQ(CHxError(failure).getCode(), 5);
 }
 
 std::chrono::milliseconds Slept(unsigned long milliseconds)
