@@ -22,12 +22,15 @@ bool HasDevice(const std::vector<std::string>& devices, const std::string& devic
     return std::find(devices.begin(), devices.end(), device) != devices.end();
 }
 
-// Fails with the reason why no disk was found: from `sessions`, those of the target at the last look,
-// or else from the log.
-[[noreturn]] void FailWithoutDisk(const LibraryCall& call, const std::vector<Session>& sessions)
+// Fails with the reason why no disk was found: from `all`, the sessions at the last look, or else from
+// the log.
+[[noreturn]] void FailWithoutDisk(const LibraryCall& call, const std::vector<Session>& all)
 {
     const std::string& iqn = call.request.iqn;
     const std::string sentence = "cannot find a disk of " + iqn;
+    const std::vector<Session> sessions = SelectSessions(all, iqn);
+    if (sessions.empty())
+        RequireShown(sentence, all, iqn);
     if (sessions.empty())
         call.Fail(Cause::NoSession, {sentence, "there is no session with " + iqn},
                   "log on first: zniscsi logon IQN");
@@ -41,7 +44,8 @@ bool HasDevice(const std::vector<std::string>& devices, const std::string& devic
 struct DisksLook
 {
     std::vector<std::string> devices{}; // reported, and known to the kernel
-    std::vector<Session> sessions{};    // of the target
+    std::vector<Session> all{};
+    std::vector<Session> sessions{}; // of the target
 };
 
 DisksLook LookForDisks(const LibraryCall& call)
@@ -49,7 +53,8 @@ DisksLook LookForDisks(const LibraryCall& call)
     const std::string& iqn = call.request.iqn;
     std::list<std::string> reported;
     call.initiator->GetPhysicalDevicesForTargetIQN(iqn.c_str(), reported);
-    DisksLook look{{}, SelectSessions(ReadSessions(), iqn)};
+    DisksLook look{{}, ReadSessions()};
+    look.sessions = SelectSessions(look.all, iqn);
     const std::vector<std::string> known = DevicesOf(look.sessions);
     for (const std::string& device : reported)
         if (HasDevice(known, device))
@@ -61,8 +66,8 @@ DisksLook LookForDisks(const LibraryCall& call)
 {
     const Request& request = call.request;
     const std::string found = std::to_string(look.devices.size());
-    if (look.devices.empty() && request.diskCount.value_or(1) > 0)
-        FailWithoutDisk(call, look.sessions);
+    if (look.devices.empty())
+        FailWithoutDisk(call, look.all);
     if (request.diskCount)
         call.Fail(Cause::NoDevice, {"found " + found + " of " + std::to_string(*request.diskCount) +
                                     " disks of " + request.iqn});
@@ -183,7 +188,7 @@ Answer FindDisk(const Request& request)
                                     look.device + " is reported, but the kernel shows no disk of " +
                                         request.iqn + " beneath it"});
     if (!isFound)
-        FailWithoutDisk(call, look.sessions);
+        FailWithoutDisk(call, look.machine.sessions);
     return AnswerDisk(look);
 }
 

@@ -145,6 +145,34 @@ Answer AnswerEach(LibraryCall& call, const std::vector<Request>& requests,
     return all;
 }
 
+void RequireShown(const std::string& sentence, const std::vector<Session>& sessions,
+                  const std::string& iqn)
+{
+    for (const Session& session : sessions)
+    {
+        const bool lacksPortal = session.iqn == iqn && !session.portal;
+        if (session.iqn.empty() || lacksPortal)
+            throw Failure(Cause::ToolFailed,
+                          {sentence, std::string("the kernel does not show the ") +
+                                         (lacksPortal ? "portal" : "target") + " of session " +
+                                         std::to_string(session.sid)});
+    }
+}
+
+void WarnOfReasons(const LibraryCall& call)
+{
+    for (const std::string& reason : ParseReasons(call.watch.Errors()).lines)
+        PrintError("warning: " + reason);
+}
+
+Answer AnswerAlready(const Request& request, const std::string& text)
+{
+    Answer answer{text, {{"already", true}}};
+    if (request.portal.empty())
+        answer.fields["portals"] = Json::array();
+    return answer;
+}
+
 void FailReportLacks(const LibraryCall& call, const std::string& sentence, const std::string& device)
 {
     const LoggedReasons logged = ParseReasons(call.watch.Errors());

@@ -83,6 +83,17 @@ std::vector<Request> OnePerPortal(const Request& request, const std::vector<Node
 Answer AnswerEach(LibraryCall& call, const std::vector<Request>& requests,
                   const std::function<Answer(std::size_t)>& operation);
 
+// Before the answer that there is no session with the target `iqn`, or none through a portal: fails if
+// the kernel does not show the target of one of `sessions`, or the portal of one with that target.
+void RequireShown(const std::string& sentence, const std::vector<Session>& sessions,
+                  const std::string& iqn);
+
+// Prints what the tool said as warnings: it failed, but the kernel shows that all is as it should be.
+void WarnOfReasons(const LibraryCall& call);
+
+// The answer `text` to a request for what is so already.
+Answer AnswerAlready(const Request& request, const std::string& text);
+
 // Fails because the tool's report does not have `device`, which the kernel shows.
 [[noreturn]] void FailReportLacks(const LibraryCall& call, const std::string& sentence,
                                   const std::string& device);

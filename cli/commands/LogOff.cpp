@@ -39,10 +39,10 @@ public:
     // Before the answer that there is no session: fails if one of `sessions` may be the node's.
     void RequireNone(const std::vector<Session>& sessions) const
     {
+        RequireShown(Sentence(), sessions, m_iqn);
         for (const Session& session : SelectSessions(sessions, m_iqn))
         {
             m_node->RequireResolved(Sentence());
-            RequirePortal(session);
             if (!HasAddress(*session.portal))
                 throw Failure(Cause::ToolFailed,
                               {Sentence(), "session " + std::to_string(session.sid) +
@@ -51,14 +51,6 @@ public:
                                                ", which may be this portal: run the command with " +
                                                PortalOf(session)});
         }
-    }
-
-    void RequirePortal(const Session& session) const
-    {
-        if (!session.portal)
-            throw Failure(Cause::ToolFailed,
-                          {Sentence(), "the kernel does not show the portal of session " +
-                                           std::to_string(session.sid)});
     }
 
 private:
@@ -94,8 +86,9 @@ Obstacles FindObstacles(const Machine& machine, const std::vector<Session>& endi
         obstacles.unknown.push_back("cannot tell whether " + path.disk.device +
                                     " is in use: its state is " +
                                     DescribeState(path.session, &path.disk));
-    for (const std::string& loop : machine.unseenLoops)
-        obstacles.unknown.push_back("cannot tell which disk is beneath " + loop);
+    if (!unclaimed.devices.empty() || !unclaimed.notWorking.empty())
+        for (const std::string& loop : machine.unseenLoops)
+            obstacles.unknown.push_back("cannot tell which disk is beneath " + loop);
     return obstacles;
 }
 
@@ -155,8 +148,14 @@ Answer EndSessions(const LibraryCall& call, const std::vector<Session>& ending)
         call.initiator->LogOffFromiSCSITarget(request.portal.c_str(), request.iqn.c_str()) == 1;
     const bool isGone = Await(isReported ? kMaxSettling : std::chrono::seconds(0),
                               [&] { return Remaining(ending, ReadSessions()).empty(); });
+    // It was there before. Another program may have ended it in between.
+    if (isGone && AnyContains(ParseReasons(call.watch.Errors()).toolLines, words::kNoMatch))
+        return {"already logged off\n", {{"already", true}}};
     if (isGone)
-        return {isReported ? "logged off\n" : "already logged off\n", {{"already", !isReported}}};
+    {
+        WarnOfReasons(call);
+        return {"logged off\n", {{"already", false}}};
+    }
     std::vector<std::string> reasons{"cannot log off from " + name};
     if (isReported)
         reasons.emplace_back("/sbin/iscsiadm reported success, but the kernel still has the session");
@@ -171,10 +170,10 @@ Endings GroupByPortal(const Request& request, const Subject& subject,
 {
     if (!request.portal.empty())
         return {{request.portal, {request, ending}}};
+    RequireShown(subject.Sentence(), ending, request.iqn);
     Endings endings;
     for (const Session& session : ending)
     {
-        subject.RequirePortal(session);
         const auto [known, isNew] = endings.try_emplace(PortalOf(session));
         if (isNew)
             known->second.first = At(request, *session.portal);
@@ -197,7 +196,7 @@ Answer LogOff(const Request& request)
         subject.RequireNone(look.sessions);
         if (const auto records = RunNodeReport())
             NoteUnknownTarget(request.iqn, *records, look.sessions);
-        return {"already logged off\n", {{"already", true}}};
+        return AnswerAlready(request, "already logged off\n");
     }
     RequireNoObstacle(look.obstacles, subject);
 

@@ -64,7 +64,9 @@ bool RunLogOn(const LibraryCall& call, const Secret* secret)
                                     portal, iqn, request.chapUser->c_str(), secret->c_str())) == 1;
 }
 
-[[noreturn]] void FailLogOn(const LibraryCall& call, const Node& node, bool isReported)
+// `all` are the sessions at the last look.
+[[noreturn]] void FailLogOn(const LibraryCall& call, const Node& node, bool isReported,
+                            const std::vector<Session>& all)
 {
     const std::string sentence = "cannot log on to " + node.name;
     // A session through a name that only the tool resolves would not be recognised.
@@ -72,6 +74,7 @@ bool RunLogOn(const LibraryCall& call, const Secret* secret)
         call.Fail(Cause::Unreachable, {sentence, node.portal.Error()});
     if (!isReported)
         call.Fail(Cause::ToolFailed, {sentence});
+    RequireShown(sentence, all, node.iqn);
     call.Fail(Cause::NoSession,
               {sentence, "/sbin/iscsiadm reported success, but the kernel has no such session"},
               "see what the tool says: /sbin/iscsiadm -m node -T IQN -p PORTAL -l");
@@ -82,17 +85,17 @@ Answer LogOnTo(const LibraryCall& call, const Node& node, const Secret* secret)
 {
     const SlowWork work("logging on to " + node.name);
     const bool isReported = RunLogOn(call, secret);
-    std::vector<Session> sessions;
+    std::vector<Session> all, sessions;
     Await(isReported ? kMaxSettling : std::chrono::seconds(0), [&] {
-        sessions = node.Select(ReadSessions());
+        all = ReadSessions();
+        sessions = node.Select(all);
         return AnyIsLoggedIn(sessions);
     });
     if (sessions.empty())
-        FailLogOn(call, node, isReported);
+        FailLogOn(call, node, isReported, all);
     Answer answer = AnswerLogOn(sessions, call.request, true);
     if (!isReported) // one of several interfaces, for example
-        for (const std::string& reason : ParseReasons(call.watch.Errors()).lines)
-            PrintError("warning: " + reason);
+        WarnOfReasons(call);
     return answer;
 }
 
@@ -140,7 +143,7 @@ Answer LogOn(const Request& request)
                           {"cannot log on to " + node.name, "its session has just ended: try again"});
         return LogOnTo(call, node, secret.get());
     });
-    if (request.chapUser && someWereLoggedOn && !answer.cause)
+    if (request.chapUser && someWereLoggedOn)
         PrintError(
             "note: already logged on; the CHAP name and secret were not saved. Log off and on again "
             "to use them");

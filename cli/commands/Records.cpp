@@ -1,16 +1,20 @@
 #include "cli/commands/Commands.h"
 #include "cli/commands/LibraryCall.h"
+#include "cli/initiator/Reasons.h"
 #include "cli/initiator/RecordLock.h"
 #include "cli/terminal/StatusLine.h"
 #include "cli/terminal/Table.h"
 
 #include <algorithm>
+#include <optional>
 
 namespace cli
 {
 
 namespace
 {
+
+constexpr const char* kAlready = "already forgotten\n";
 
 bool HasRecord(const std::vector<NodeRecord>& records, const Node& node)
 {
@@ -19,16 +23,20 @@ bool HasRecord(const std::vector<NodeRecord>& records, const Node& node)
     });
 }
 
-bool IsInUse(const NodeRecord& record, const std::vector<Session>& sessions)
+// Whether one of `sessions` is with the record's target through its portal; nothing if that cannot be
+// told: the kernel does not show it, or one of the portals is a name.
+std::optional<bool> IsInUse(const NodeRecord& record, const std::vector<Session>& sessions)
 {
-    return std::any_of(sessions.begin(), sessions.end(), [&record](const Session& session) {
-        return session.iqn == record.iqn && PortalOf(session) == FormatPortal(record.portal);
-    });
-}
-
-Answer AlreadyForgotten()
-{
-    return {"already forgotten\n", {{"already", true}}};
+    bool isKnown = true;
+    for (const Session& session : sessions)
+    {
+        if (session.iqn == record.iqn && PortalOf(session) == FormatPortal(record.portal))
+            return true;
+        const bool isComparable =
+            session.portal && HasAddress(*session.portal) == HasAddress(record.portal);
+        isKnown = isKnown && !session.iqn.empty() && (session.iqn != record.iqn || isComparable);
+    }
+    return isKnown ? std::optional(false) : std::nullopt;
 }
 
 // Deletes the record of a node that has one.
@@ -37,8 +45,16 @@ Answer DeleteRecord(const LibraryCall& call, const Node& node)
     const std::string sentence = "cannot delete the node record of " + node.name;
     const bool isReported = call.initiator.Concrete().DeleteiSCSIIQNFromiSCSIAdmDb(
                                 call.request.portal.c_str(), call.request.iqn.c_str()) == 1;
-    if (!HasRecord(call.RequireRecords(sentence), node))
-        return isReported ? Answer{"forgotten\n", {{"already", false}}} : AlreadyForgotten();
+    // It was there before. Another program may have deleted it in between.
+    const LoggedReasons logged = ParseReasons(call.watch.Errors());
+    const bool isGone = !HasRecord(call.RequireRecords(sentence), node);
+    if (isGone && AnyContains(logged.toolLines, words::kNoRecord))
+        return {kAlready, {{"already", true}}};
+    if (isGone)
+    {
+        WarnOfReasons(call);
+        return {"forgotten\n", {{"already", false}}};
+    }
     std::vector<std::string> reasons{sentence};
     if (isReported)
         reasons.emplace_back("/sbin/iscsiadm reported success, but the record is still there");
@@ -83,7 +99,7 @@ Answer Forget(const Request& request)
     if (records.empty())
     {
         NoteUnknownTarget(request.iqn, all, ReadSessions());
-        return AlreadyForgotten();
+        return AnswerAlready(request, kAlready);
     }
     const std::vector<Request> requests = OnePerPortal(request, records);
     return AnswerEach(call, requests, [&](std::size_t index) {
@@ -91,7 +107,7 @@ Answer Forget(const Request& request)
         if (HasRecord(records, node))
             return DeleteRecord(call, node);
         node.RequireResolved("cannot delete the node record of " + node.name);
-        return AlreadyForgotten();
+        return Answer{kAlready, {{"already", true}}};
     });
 }
 
@@ -105,9 +121,12 @@ Answer ListRecords(const Request& request)
     for (const NodeRecord& record : records)
     {
         const std::string portal = FormatPortal(record.portal);
-        const bool isInUse = IsInUse(record, sessions);
-        rows.push_back({portal, isInUse ? "yes" : "no", record.iqn});
-        json.push_back({{"portal", portal}, {"iqn", record.iqn}, {"in_use", isInUse}});
+        const std::optional<bool> isInUse = IsInUse(record, sessions);
+        const char* const known = isInUse.value_or(false) ? "yes" : "no";
+        rows.push_back({portal, isInUse ? known : "?", record.iqn});
+        json.push_back({{"portal", portal}, {"iqn", record.iqn}, {"in_use", nullptr}});
+        if (isInUse)
+            json.back()["in_use"] = *isInUse;
     }
     return {FormatTable({"PORTAL", "IN USE", "IQN"}, rows, !request.noHeadings), {{"records", json}}};
 }

@@ -23,7 +23,7 @@ Row RowOf(const Entry& entry)
 {
     const auto& [session, disk] = entry;
     Row row{std::to_string(session.sid), DescribeState(session, disk), PortalOf(session),
-            session.interface};
+            session.iface};
     if (disk == nullptr)
     {
         row.insert(row.end(), {"", "", "", "", session.iqn});
@@ -43,8 +43,8 @@ Json ObjectOf(const Entry& entry)
     Json object{{"sid", session.sid},
                 {"state", session.state},
                 {"portal", TextOrNull(PortalOf(session))},
-                {"iqn", session.iqn},
-                {"iface", TextOrNull(session.interface)},
+                {"iqn", TextOrNull(session.iqn)},
+                {"iface", TextOrNull(session.iface)},
                 {"host", nullptr},
                 {"lun", nullptr},
                 {"device", nullptr},

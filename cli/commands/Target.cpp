@@ -44,8 +44,10 @@ std::optional<TargetOfDevice> FindTargetOf(const LibraryCall& call, const std::v
         });
     if (!isOneTarget || !(isFound || AnyContains(call.watch.Errors(), words::kPortalsDiffer)))
         return std::nullopt;
-    const std::string known = PortalOf(paths.front().session);
-    return TargetOfDevice{known.empty() ? portal.data() : known, paths.front().session.iqn};
+    const Session& session = paths.front().session;
+    if (session.iqn.empty() || !session.portal)
+        return std::nullopt;
+    return TargetOfDevice{PortalOf(session), session.iqn};
 }
 
 TargetLook LookForTarget(const LibraryCall& call)
@@ -68,6 +70,8 @@ TargetLook LookForTarget(const LibraryCall& call)
         iqns.insert(path.session.iqn);
     if (iqns.empty())
         call.Fail(Cause::NoSession, {sentence, "no session presents it"});
+    for (const Path& path : look.paths)
+        RequireShown(sentence, {path.session}, *iqns.begin());
     if (iqns.size() == 1)
         FailReportLacks(call, sentence, look.paths.front().disk.device);
     std::vector<std::string> reasons{sentence,

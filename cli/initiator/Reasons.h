@@ -21,6 +21,7 @@ constexpr std::string_view kSessionParser = "ParseIscsiadmSessionInfoOutput"; //
 constexpr std::string_view kVolumeParser = "ZnISCSIUnix::ParseDellMPIOOutput";
 constexpr const char* kPortalsDiffer = "The Target Portals for all children should match.";
 constexpr const char* kNoSession = "No active sessions";
+constexpr const char* kNoMatch = "No matching sessions";
 constexpr const char* kNoRecord = "o records found"; // "No ..." from 2.0-873 on
 constexpr const char* kOwnTag = "zniscsi";           // of this program's log lines
 } // namespace words

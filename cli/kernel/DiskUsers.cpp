@@ -41,7 +41,7 @@ public:
     void FindOthers()
     {
         for (const std::string& name : m_names)
-            if (BeginsWith(name, "loop") && ReadAttribute(m_block + name + "/loop/backing_file"))
+            if (BeginsWith(name, "loop") && !ListDirectory(m_block + name + "/loop").empty())
                 AddLoop(name);
         AddBtrfs();
         for (const std::string& device : ReadSwaps(m_root))
@@ -110,9 +110,12 @@ private:
             return;
         for (const std::string& path : ListDirectory(m_block + name + "/slaves"))
         {
+            // A disk that was removed stays beneath its map. Other disks than SCSI have no state.
+            const bool exists = std::binary_search(m_names.begin(), m_names.end(), path);
             const std::string unit = m_block + path + "/device";
             map->second[DevicePath(path)] =
-                ReadAttribute(unit + "/state").value_or("running") == "running" && IsServed(unit);
+                exists && ReadAttribute(unit + "/state").value_or("running") == "running" &&
+                IsServed(unit);
         }
     }
 

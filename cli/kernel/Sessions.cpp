@@ -6,6 +6,7 @@
 #include "standalone/zndevicetree/SysfsTree.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <stdexcept>
 
 #include <unistd.h>
@@ -58,8 +59,9 @@ std::vector<Disk> ReadDisks(const std::string& session)
 // class/iscsi_connection/connection8:0/persistent_port:       3260
 //
 // Some drivers of offload cards lack the two: then the address and port of the connection count, as for
-// the initiator.
+// the initiator. The kernel does not tell these while the connection is down.
 std::optional<Portal> ReadPortal(const std::string& connection)
+try
 {
     auto address = ReadAttribute(connection + "/persistent_address");
     if (!address)
@@ -68,6 +70,10 @@ std::optional<Portal> ReadPortal(const std::string& connection)
     if (!port)
         port = ReadAttribute(connection + "/port");
     return address && port ? ParsePortal('[' + *address + "]:" + *port) : std::nullopt;
+}
+catch (const std::runtime_error&)
+{
+    return std::nullopt;
 }
 
 // class/iscsi_session/session8 -> ../../devices/platform/host3/session8/iscsi_session/session8
@@ -89,23 +95,26 @@ std::optional<Session> ReadSession(const std::string& sysfs, const std::string& 
     const std::string number = name.substr(std::string_view("session").size());
     const std::string attributes = sysfs + "/class/iscsi_session/" + name;
     const std::optional<int> sid = znlib::ParseNumber<int>(number);
-    const auto state = ReadAttribute(attributes + "/state");
-    if (!sid || !state)
+    if (!sid)
         return std::nullopt;
-    return Session{*sid,
-                   *state,
-                   ReadPortal(sysfs + "/class/iscsi_connection/connection" + number + ":0"),
-                   ReadAttribute(attributes + "/targetname").value_or(""),
-                   ReadDisks(attributes + "/device/"),
-                   ReadAttribute(attributes + "/ifacename").value_or(""),
-                   ParseHost(ReadLink(attributes))};
+    Session session{*sid,
+                    "",
+                    ReadPortal(sysfs + "/class/iscsi_connection/connection" + number + ":0"),
+                    ReadAttribute(attributes + "/targetname").value_or(""),
+                    ReadDisks(attributes + "/device/"),
+                    ReadAttribute(attributes + "/ifacename").value_or(""),
+                    ParseHost(ReadLink(attributes))};
+    // The last one: what lacks above is not because the session has ended.
+    const auto state = ReadAttribute(attributes + "/state");
+    session.state = state.value_or("");
+    return state ? std::optional(session) : std::nullopt;
 }
 
 } // namespace
 
 std::vector<Session> ReadSessions(const std::string& root)
 {
-    if (access((root + "/sys/class").c_str(), F_OK) != 0)
+    if (access((root + "/sys/class").c_str(), F_OK) != 0 && errno == ENOENT)
         throw std::runtime_error("cannot look at the sessions: sysfs is not mounted on /sys");
     std::vector<Session> sessions;
     for (const std::string& name : ListDirectory(root + "/sys/class/iscsi_session"))

@@ -30,11 +30,10 @@ struct Session
     int sid;
     std::string state;            // as the kernel spells it: "LOGGED_IN", "FAILED", "FREE"
     std::optional<Portal> portal; // the address in the node record, not the one of a redirection
-    std::string iqn;
-    std::vector<Disk> disks{}; // in the order of their LUNs
-    std::string interface {
-    };                         // name of the initiator's interface record; may be empty
-    std::optional<int> host{}; // number of the SCSI host
+    std::string iqn;              // empty if the kernel does not show it
+    std::vector<Disk> disks{};    // in the order of their LUNs
+    std::string iface{};          // name of the initiator's interface record; may be empty
+    std::optional<int> host{};    // number of the SCSI host
 };
 
 // Returns the sessions in the order of their identifiers. `map` and `users` of their disks are empty.

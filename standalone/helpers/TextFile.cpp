@@ -19,8 +19,9 @@ namespace
 // Returns nothing if errno means that there is no such file. Throws otherwise.
 std::nullopt_t NothingOrThrow(const std::string& file)
 {
-    // ENODEV: sysfs removed the device after the attribute was opened.
-    if (errno != ENOENT && errno != ENOTDIR && errno != ENODEV)
+    // ENODEV: sysfs removed the device after the attribute was opened. EINVAL: device-mapper does that
+    // now.
+    if (errno != ENOENT && errno != ENOTDIR && errno != ENODEV && errno != EINVAL)
         Throw(file, std::generic_category().message(errno));
     return std::nullopt;
 }

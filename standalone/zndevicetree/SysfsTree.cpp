@@ -86,7 +86,11 @@ public:
             !ReadMapName(device)) // a map without paths is not a disk
             m_disks.insert(device);
         for (; slave != fs::directory_iterator(); ++slave)
-            Descend(WholeDevice(device.parent_path() / slave->path().filename()));
+        {
+            const fs::path beneath = device.parent_path() / slave->path().filename();
+            if (fs::exists(beneath)) // a disk that was removed stays beneath its map
+                Descend(WholeDevice(beneath));
+        }
         visit->second = true;
     }
 
