@@ -83,7 +83,8 @@ public:
             Add(m_app, option);
         for (const Command& command : Commands())
             Add(command);
-        m_app.add_subcommand("help", "Show the help of a command")->group("Commands");
+        m_help = m_app.add_subcommand("help", "Show the help of a command")->group("Commands");
+        AddArgument(*m_help, "COMMAND");
     }
 
     // Sets what to run. Throws CLI::Error or UsageError.
@@ -92,10 +93,11 @@ public:
         std::reverse(arguments.begin(), arguments.end()); // the order that the parser takes
         m_app.parse(arguments);
         const std::vector<CLI::App*> chosen = m_app.get_subcommands();
-        const Command* const command =
-            chosen.empty() ? nullptr : FindCommand(chosen.front()->get_name());
-        if (command == nullptr)
+        if (chosen.empty())
             throw UsageError("a command is missing");
+        if (chosen.front() == m_help)
+            return ShowHelp();
+        const Command* const command = FindCommand(chosen.front()->get_name());
         Assign(*command);
         const Request& request = m_parsed.request;
         if ((request.chapSecretFile || request.chapSecretStdin) && !request.chapUser)
@@ -128,7 +130,9 @@ public:
     std::string HelpCommand() const
     {
         const std::vector<CLI::App*> chosen = m_app.get_subcommands();
-        return chosen.empty() ? "zniscsi --help" : "zniscsi " + chosen.front()->get_name() + " --help";
+        return chosen.empty() || chosen.front() == m_help
+                   ? "zniscsi --help"
+                   : "zniscsi " + chosen.front()->get_name() + " --help";
     }
 
 private:
@@ -138,7 +142,8 @@ private:
         for (const char* const alias : command.aliases)
             added.alias(alias);
         added.get_help_ptr()->description("Show this help");
-        added.add_option("ARGUMENTS", m_words);
+        for (const Argument& argument : command.arguments)
+            AddArgument(added, argument.name);
         for (const Option& option : command.options)
             Add(added, option);
         std::string footer =
@@ -147,6 +152,13 @@ private:
             footer += std::string("\n") + command.explanation + '\n';
         added.footer(footer +
                      "\n\"zniscsi --help\" lists the options of every command and the exit statuses.");
+    }
+
+    // One by one: of a list, the parser would take "[2001:db8::10]" for a list within.
+    void AddArgument(CLI::App& app, const char* name)
+    {
+        app.add_option_function<std::string>(
+            name, [this](const std::string& word) { m_words.push_back(word); });
     }
 
     void Add(CLI::App& app, const Option& option)
@@ -166,8 +178,6 @@ private:
     void Assign(const Command& command)
     {
         const std::vector<Argument>& arguments = command.arguments;
-        if (m_words.size() > arguments.size())
-            throw UsageError(kTooMany);
         if (m_words.size() == 2 && IsIqn(m_words[0]) && !IsIqn(m_words[1]))
             throw UsageError("PORTAL and IQN are exchanged: PORTAL comes first");
         // If arguments are missing, these are the optional ones.
@@ -181,22 +191,24 @@ private:
         }
     }
 
+    // "help", "help logon"
+    void ShowHelp()
+    {
+        const Command* const command = m_words.empty() ? nullptr : FindCommand(m_words.front());
+        if (command == nullptr && !m_words.empty())
+            throw UsageError("there is no such command");
+        m_parsed.json = false;
+        m_parsed.answer.text =
+            command != nullptr
+                ? m_app.get_subcommand(command->name)->help("zniscsi")
+                : m_app.get_formatter()->make_help(&m_app, "zniscsi", CLI::AppFormatMode::Normal);
+    }
+
     ParsedLine& m_parsed;
     std::vector<std::string> m_words;
+    CLI::App* m_help = nullptr;
     CLI::App m_app{"Drives this machine's iSCSI initiator.", "zniscsi"};
 };
-
-// "help" -> "--help", "help logon" -> "logon --help"
-std::vector<std::string> WithoutHelpCommand(std::vector<std::string> arguments)
-{
-    if (arguments.empty() || arguments.front() != "help")
-        return arguments;
-    arguments.erase(arguments.begin());
-    if (!arguments.empty() && FindCommand(arguments.front()) == nullptr)
-        throw UsageError("there is no such command");
-    arguments.emplace_back("--help");
-    return arguments;
-}
 
 } // namespace
 
@@ -208,7 +220,7 @@ ParsedLine ParseCommandLine(int argc, char** argv)
     std::string fault;
     try
     {
-        line.Parse(WithoutHelpCommand(arguments));
+        line.Parse(arguments);
         return parsed;
     }
     catch (const CLI::Success& asked)

@@ -1,6 +1,7 @@
 #include "cli/commands/Commands.h"
 #include "cli/initiator/LogWatch.h"
 #include "cli/initiator/Reasons.h"
+#include "cli/kernel/Sysfs.h"
 #include "host/BeginsWith.h"
 #include "host/EvDebug.h"
 #include "host/ServedMachine.h"
@@ -12,10 +13,12 @@
 #include "standalone/znlib/Registry.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <functional>
 #include <iomanip>
 #include <sstream>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include <sys/utsname.h>
@@ -43,7 +46,11 @@ const char* StateOf(const Finding& finding)
 
 bool Exists(const std::string& path)
 {
-    return access(path.c_str(), F_OK) == 0;
+    if (access(path.c_str(), F_OK) == 0)
+        return true;
+    if (errno != ENOENT && errno != ENOTDIR)
+        throw std::system_error(errno, std::generic_category(), "cannot look at " + path);
+    return false;
 }
 
 // Returns the first line that is wanted; empty if there is none, or no such file.
@@ -120,19 +127,12 @@ Finding CheckModule()
             Cause::ToolFailed};
 }
 
-// 0000000000000000: 00000002 00000000 00010000 0001 01 18213 @ISCSIADM_ABSTRACT_NAMESPACE
-bool HasSocket(const std::string& name)
-{
-    const auto isIt = [&](const std::string& line) { return line.substr(line.rfind(' ') + 1) == name; };
-    return !FindLine("/proc/net/unix", isIt).empty();
-}
-
 // The tool connects to the daemon, or to systemd, at this abstract socket.
 Finding CheckDaemon()
 {
     constexpr const char* kAdvice = "Start it: systemctl enable --now iscsid.socket";
-    if (HasSocket("@ISCSIADM_ABSTRACT_NAMESPACE"))
-        return {"iscsid listens"};
+    if (HasListener("@ISCSIADM_ABSTRACT_NAMESPACE"))
+        return {"a program listens at iscsid's socket"};
     const auto namesDaemon = [](const std::string& line) { return BeginsWith(line, "iscsid.startup"); };
     if (!FindLine("/etc/iscsi/iscsid.conf", namesDaemon).empty())
         return {"iscsid does not listen; the tool starts it when it is needed", kAdvice};
@@ -141,8 +141,8 @@ Finding CheckDaemon()
 
 Finding CheckMultipathDaemon()
 {
-    if (HasSocket("@/org/kernel/linux/storage/multipathd"))
-        return {"multipathd listens"};
+    if (HasListener("@/org/kernel/linux/storage/multipathd"))
+        return {"a program listens at multipathd's socket"};
     if (!Exists("/etc/multipath.conf"))
         return {"multipathd does not listen, and no /etc/multipath.conf asks for it"};
     return {"multipathd does not listen, but there is an /etc/multipath.conf",

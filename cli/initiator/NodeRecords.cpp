@@ -5,6 +5,7 @@
 #include "host/ZnProcess.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <iterator>
 #include <sstream>
 
@@ -23,7 +24,7 @@ Initiator::Initiator(unsigned long long jobId) : m_instance(GetInstance())
 
 // 192.0.2.10:3260,1 iqn.2025-01.org.example:chap
 // [2001:db8::10]:3260,1 iqn.2025-01.org.example:chap
-std::vector<NodeRecord> ParseNodeRecords(const std::string& report)
+std::optional<std::vector<NodeRecord>> ParseNodeRecords(const std::string& report)
 {
     std::vector<NodeRecord> records;
     std::istringstream lines(report);
@@ -31,10 +32,12 @@ std::vector<NodeRecord> ParseNodeRecords(const std::string& report)
     {
         std::istringstream words(line);
         std::string address, iqn;
-        if (!(words >> address >> iqn))
+        if (!(words >> address))
             continue;
-        if (const std::optional<Portal> portal = ParsePortal(address))
-            records.push_back({*portal, iqn});
+        const std::optional<Portal> portal = ParsePortal(address);
+        if (!portal || !(words >> iqn))
+            return std::nullopt;
+        records.push_back({*portal, iqn});
     }
     return records;
 }
@@ -44,7 +47,7 @@ std::optional<std::vector<NodeRecord>> RunNodeReport()
     constexpr const char* kTool = "/sbin/iscsiadm";
     constexpr const char* kNodeReport = "/sbin/iscsiadm -m node";
     EvEvent log;
-    if (access(kTool, F_OK) != 0)
+    if (access(kTool, F_OK) != 0 && errno == ENOENT)
     {
         log.DebugLvl(words::kOwnTag, -1, "%s", words::kIscsiadmMissing);
         return std::nullopt;
@@ -52,7 +55,13 @@ std::optional<std::vector<NodeRecord>> RunNodeReport()
     log.DebugLvl(words::kOwnTag, 0, "Running [%s]", kNodeReport);
     std::string output, errorOutput;
     if (ZnProcess::system(kNodeReport, &output, &errorOutput, 0, false) == 0)
-        return ParseNodeRecords(output);
+    {
+        auto records = ParseNodeRecords(output);
+        if (!records)
+            log.DebugLvl(words::kOwnTag, -1, "cannot understand the report of %s: %.200s", kNodeReport,
+                         output.c_str());
+        return records;
+    }
     // An ordinary user's tool finds none where it may not look.
     if (geteuid() == 0 && errorOutput.find(words::kNoRecord) != std::string::npos)
         return std::vector<NodeRecord>();

@@ -41,8 +41,8 @@ struct NodeRecord
     std::string iqn;
 };
 
-// Parses the output of "iscsiadm -m node". Other lines are skipped.
-std::vector<NodeRecord> ParseNodeRecords(const std::string& report);
+// Parses the output of "iscsiadm -m node". Nothing if a line is no record.
+std::optional<std::vector<NodeRecord>> ParseNodeRecords(const std::string& report);
 
 // Runs the tool and returns its node records, or nothing if it fails; the log has the reason.
 std::optional<std::vector<NodeRecord>> RunNodeReport();

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <sstream>
+#include <utility>
 
 #include <unistd.h>
 
@@ -97,11 +98,15 @@ std::string NextStepOf(const Explanation& explanation, const Request& request)
                             : "the target wants a CHAP name and secret that it knows: --chap-user NAME";
 }
 
-void Replace(std::string& text, const std::string& word, const std::string& value)
+// Puts the values of the request in the place of PORTAL and IQN.
+void Fill(std::string& step, const Request& request)
 {
-    const std::size_t at = text.find(word);
-    if (at != std::string::npos && !value.empty())
-        text.replace(at, word.size(), value);
+    const std::pair<std::string, const std::string&> values[] = {{"IQN", request.iqn},
+                                                                 {"PORTAL", request.portal}};
+    for (std::size_t at = step.size(); at-- > 0;) // from the end: a value may have these words
+        for (const auto& [word, value] : values)
+            if (!value.empty() && step.compare(at, word.size(), word) == 0)
+                step.replace(at, word.size(), value);
 }
 
 } // namespace
@@ -155,8 +160,7 @@ Failure Explain(std::vector<std::string> reasons, const LoggedReasons& logged, c
         cause = known->cause;
         step = NextStepOf(*known, request);
     }
-    Replace(step, "PORTAL", request.portal);
-    Replace(step, "IQN", request.iqn);
+    Fill(step, request);
     if (!step.empty())
         reasons.push_back(step);
     return {cause, reasons};

@@ -23,6 +23,10 @@ std::vector<std::string> ListDirectory(const std::string& directory);
 // user may not read the link.
 std::string ReadLink(const std::string& link);
 
+// Whether a local stream socket listens at the address `name`, with "@" for an abstract one. Whose it
+// is the kernel does not tell: any user may have made it.
+bool HasListener(const std::string& name);
+
 // Returns the path of a device's node: "sdb" -> "/dev/sdb".
 std::string DevicePath(std::string kernelName);
 

@@ -132,7 +132,8 @@ TEST(Kernel, ReadsOnlySoMuchOfOtherNamespaces)
     for (int process = 10; process < 26; ++process)
     {
         const std::string directory = "proc/" + std::to_string(process) + '/';
-        RecordedMachine::Change(tree.Root(), directory + "ns/mnt -> mnt:[" + std::to_string(process) + ']');
+        RecordedMachine::Change(tree.Root(),
+                                directory + "ns/mnt -> mnt:[" + std::to_string(process) + ']');
         RecordedMachine::Change(tree.Root(), directory + "mountinfo -> ../../table");
     }
     RecordedMachine::Change(tree.Root(), "proc/9/ns/mnt -> mnt:[9]");

@@ -167,6 +167,8 @@ TEST(Reasons, ShowCauseAndNextStep)
         EXPECT_STREQ(NameOf(*explain(said).cause), "no-device") << said;
         EXPECT_EQ(explain(isMissing).cause, Cause::ToolMissing);
     }
+    request.portal = "IQN"; // a host's name, too
+    EXPECT_EQ(explain("x").reasons.back(), "iqn.x:timed, IQN");
     request.portal = "";
     request.chapUser = "backup";
     EXPECT_EQ(explain("Failed to run x: authorization failure").reasons.back(),
