@@ -382,12 +382,8 @@ step "log off, a disk held for a moment" "0 logged off, 0 sessions, $first is go
     "$came, $(count $plain) sessions, $first $([ -e "$first" ] && echo "is there" || echo "is gone")"
 refused "a disk of $plain" disks $plain
 step "disks after that" "refused: a disk of $plain" "$came"
-agent logoff $portal1 $plain
-step "log off again" "0 already logged off" "$came"
 agent forget $portal1 $plain
 step "forget" "0 forgotten, not recorded" "$came, $(is_recorded $portal1 $plain)"
-agent forget $portal1 $plain
-step "forget again" "0 already forgotten" "$came"
 
 agent logoff $portal1 $multi
 settle 60 has_disks $multi 1
