@@ -33,9 +33,11 @@ std::vector<Session> FindSessions(const Node& node)
     return sessions;
 }
 
-// The answer if the node has `sessions`. Throws Failure if none of them is logged in.
-Answer AnswerLogOn(const std::vector<Session>& sessions, const Request& request, bool isNew)
+// The answer if the node has `sessions`. Throws Failure if none of them is logged in: with what the
+// tool said, if it ran.
+Answer AnswerLogOn(const std::vector<Session>& sessions, const LibraryCall& call, bool isNew)
 {
+    const Request& request = call.request;
     if (AnyIsLoggedIn(sessions))
     {
         for (const Session& session : sessions)
@@ -47,11 +49,11 @@ Answer AnswerLogOn(const std::vector<Session>& sessions, const Request& request,
     const std::string state =
         IsLost(session) ? " has lost its connection (FAILED); the initiator tries to restore it"
                         : " exists, but is not logged in (" + session.state + ')';
-    throw Failure(
+    call.Fail(
         Cause::SessionFailed,
-        {"cannot log on to " + NodeName(request), "session " + std::to_string(session.sid) + state,
-         "check that " + request.portal + " can be reached, or end the session: zniscsi logoff " +
-             request.portal + ' ' + request.iqn});
+        {"cannot log on to " + NodeName(request), "session " + std::to_string(session.sid) + state},
+        "check that " + request.portal + " can be reached, or end the session: zniscsi logoff " +
+            request.portal + ' ' + request.iqn);
 }
 
 bool RunLogOn(const LibraryCall& call, const Secret* secret)
@@ -93,7 +95,7 @@ Answer LogOnTo(const LibraryCall& call, const Node& node, const Secret* secret)
     });
     if (sessions.empty())
         FailLogOn(call, node, isReported, all);
-    Answer answer = AnswerLogOn(sessions, call.request, true);
+    Answer answer = AnswerLogOn(sessions, call, true);
     if (!isReported) // one of several interfaces, for example
         WarnOfReasons(call);
     return answer;
@@ -137,7 +139,7 @@ Answer LogOn(const Request& request)
         const std::vector<Session> sessions = FindSessions(node);
         someWereLoggedOn = someWereLoggedOn || !sessions.empty();
         if (!sessions.empty())
-            return AnswerLogOn(sessions, call.request, false);
+            return AnswerLogOn(sessions, call, false);
         if (!isNeeded)
             throw Failure(Cause::NoSession,
                           {"cannot log on to " + node.name, "its session has just ended: try again"});

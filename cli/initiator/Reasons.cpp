@@ -98,6 +98,14 @@ std::string NextStepOf(const Explanation& explanation, const Request& request)
                             : "the target wants a CHAP name and secret that it knows: --chap-user NAME";
 }
 
+// Whether an ordinary user's tool may have failed for want of rights: it finds no record where it may
+// not look, and a signal ends it when the daemon does not listen to it.
+bool SaysLittle(const Explanation* known, const LoggedReasons& logged)
+{
+    return known == std::end(kExplanations) ? AnyContains(logged.toolLines, "iscsiadm: ")
+                                            : known->cause == Cause::NoRecord;
+}
+
 // Puts the values of the request in the place of PORTAL and IQN.
 void Fill(std::string& step, const Request& request)
 {
@@ -150,9 +158,9 @@ Failure Explain(std::vector<std::string> reasons, const LoggedReasons& logged, c
         cause = Cause::ToolMissing;
         step = "what to install: zniscsi doctor";
     }
-    else if (known != std::end(kExplanations) && known->cause == Cause::NoRecord && geteuid() != 0)
+    else if (geteuid() != 0 && SaysLittle(known, logged))
     {
-        cause = Cause::ToolFailed; // it finds no record where it may not look
+        cause = Cause::ToolFailed;
         step = kRunAsRoot;
     }
     else if (known != std::end(kExplanations))

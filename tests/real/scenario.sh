@@ -54,6 +54,20 @@ at_once() {
     came=$(sort /tmp/at-once.? | one_line)
 }
 
+# as_user COMMAND...: one of the above, with the agent run by an ordinary user.
+as_user() {
+    local program=(setpriv --reuid 12345 --regid 12345 --clear-groups "${program[@]}")
+    ZN_LOG_FILE=/dev/null "$@"
+}
+
+# with_dev OPTION NODE NUMBER COMMAND...: the same, with a /dev that has nothing but this node.
+# shellcheck disable=SC2016  # for the inner shell
+with_dev() {
+    local program=(unshare -m bash -c 'mount -t tmpfs -o "$1" dev /dev && mknod "$2" b ${3/:/ } && exec "${@:4}"'
+        bash "${@:1:3}" "${program[@]}")
+    "${@:4}"
+}
+
 # --- what the system says
 
 address_of() { cat "/sys/class/iscsi_connection/connection${1##*session}:0/persistent_address"; }
@@ -83,7 +97,7 @@ session_of() { readlink -f "/sys/block/${1#/dev/}/device" | grep -o 'session[0-9
 target_of() {
     local session
     session=/sys/class/iscsi_session/$(session_of "$1")
-    echo "$(address_of "$session") $(cat "$session/targetname")"
+    echo "$(address_of "$session" | sed 's/.*:.*/[&]/') $(cat "$session/targetname")"
 }
 
 # rows IQN...: what the agent has to list for each disk of these targets, sorted.
@@ -99,7 +113,7 @@ rows() {
 }
 
 # listed: the same, as the agent has it.
-listed() { zniscsi sessions --no-headings | awk '{ print $1, $2, $3, $4, $6 }' | sort; }
+listed() { zniscsi sessions --no-headings | awk '{ print $1, $2, $3, $NF, $6 }' | sort; }
 
 # took COMMAND...: how long it takes, in microseconds.
 took() {
@@ -136,8 +150,51 @@ done
 refused "cannot make connection" discover $portal1:3261
 step "discover at a port that is refused" "refused: cannot make connection" "$came"
 
-agent logon $portal1 $plain
-step "log on" "0 logged on, 1 session" "$came, $(count $plain $portal1) session"
+for command in records "discover $portal1" "logon $portal1 $plain" "forget $plain"; do
+    # shellcheck disable=SC2086
+    as_user refused "run as root" $command
+    step "an ordinary user's ${command%% *}" "refused: run as root, root 700" \
+        "$came, $(stat -c '%U %a' /run/zniscsi)"
+done
+
+# --- locks, and a tool that does not end
+
+chap_logon=(logon "$portal1" "$chap" --chap-user "$chap_user" --chap-secret-file /tmp/secret)
+echo $chap_secret >/tmp/secret
+exec 7>/run/zniscsi/discovery
+flock -s 7
+refused "another zniscsi is at work" discover $portal1 --timeout 1
+step "discover during a log-on with CHAP" "refused: another zniscsi is at work" "$came"
+flock -x 7
+refused "another zniscsi is at work" "${chap_logon[@]}" --timeout 1
+step "log on with CHAP during a discovery" "refused: another zniscsi is at work, 0 sessions" \
+    "$came, $(count $chap) sessions"
+agent logon $portal1 $multi
+step "log on during a discovery" "0 logged on, 1 session" "$came, $(count $multi) session"
+agent logoff $multi
+exec 7>&-
+
+no_tool() { ! pgrep -x iscsiadm; }
+is_free() { flock -n "/run/zniscsi/$1" true; }
+
+pkill -STOP -x tgtd
+agent discover $portal1 --timeout 2 --json
+step "target server stopped: discover --timeout" "1, timed-out, no tool" \
+    "${came%% *}, $(grep -o timed-out /tmp/stdout), $(no_tool && echo no tool)"
+"${program[@]}" discover $portal1 >/dev/null 2>&1 &
+settle 60 pgrep -x iscsiadm
+is_free discovery && step "lock of a discovery" held free
+kill -KILL $!
+settle 60 no_tool
+settle 60 is_free discovery
+refused "may still complete" logon $portal1 $plain --timeout 2
+step "target server stopped: log on --timeout" "refused: may still complete, no tool" \
+    "$came, $(no_tool && echo no tool)"
+pkill -CONT -x tgtd
+settle 60 all_logged_in
+
+agent logon $portal1 $plain # the daemon may have completed it
+step "log on" "0, 1 session" "${came%% *}, $(count $plain $portal1) session"
 agent disks $plain --wait 30
 step "disks appear (--wait)" "0 /dev/sd" "${came:0:9}"
 settle 60 has_disks $plain 2
@@ -155,8 +212,16 @@ step "CHAP, no secret" "refused: $unauthorized, 0 sessions" "$came, $(count $cha
 refused "$unauthorized" logon $portal1 $chap --chap-user $chap_user \
     --chap-secret-stdin <<<"$wrong_secret"
 step "CHAP, a wrong secret" "refused: $unauthorized, 0 sessions" "$came, $(count $chap) sessions"
-agent logon $portal1 $chap --chap-user $chap_user --chap-secret-file <(echo $chap_secret)
-step "CHAP, the right secret" "0 logged on, 1 session" "$came, $(count $chap) session"
+for portal in $portal1 $portal2; do
+    for _ in 1 2 3; do zniscsi discover "$portal"; done >/dev/null 2>&1 &
+done
+agent "${chap_logon[@]}"
+step "CHAP, the right secret, beside discoveries" "0 logged on, 1 session" "$came, $(count $chap) session"
+agent logoff $portal1 $chap
+agent "${chap_logon[@]}"
+step "the same again" "0 logged on, 1 session" "$came, $(count $chap) session"
+wait
+rm /tmp/secret
 
 for portal in "$portal1" "$portal2"; do
     agent logon "$portal" $multi
@@ -185,17 +250,17 @@ agent disk $multi
 step "disk of multi: its map" "0 $map" "$came"
 step "sessions, as sysfs has them" "$(rows $plain $chap $multi | one_line)" "$(listed | one_line)"
 agent sessions --no-headings
-step "sessions: the map of two paths" "2 of $map" "$(grep -c " $map\$" /tmp/stdout) of $map"
+step "sessions: the map of two paths" "2 of $map" "$(grep -c " $map " /tmp/stdout) of $map"
 # Both from memory, since the guest's own files come over the 9p protocol. Both at the same addresses each time, since
 # the emulator translates code anew for each new address, which no processor does.
 loader=/lib64/ld-linux-x86-64.so.2
-cp -r /programs /run/zniscsi
-mkdir /run/iscsiadm
-$loader --list /usr/sbin/iscsiadm | grep -o '/[^ ]*' | xargs cp -t /run/iscsiadm /usr/sbin/iscsiadm
+cp -r /programs /tmp/zniscsi
+mkdir /tmp/iscsiadm
+$loader --list /usr/sbin/iscsiadm | grep -o '/[^ ]*' | xargs cp -t /tmp/iscsiadm /usr/sbin/iscsiadm
 echo 0 >/proc/sys/kernel/randomize_va_space
 for _ in {1..20}; do
-    ZN_LOG_FILE=/tmp/log ZN_LOG_LEVEL=0 took "${program[@]//programs/run\/zniscsi}" sessions >>/tmp/agent.us
-    took /run/iscsiadm/${loader##*/} --library-path /run/iscsiadm /run/iscsiadm/iscsiadm -m session >>/tmp/tool.us
+    ZN_LOG_FILE=/tmp/log ZN_LOG_LEVEL=0 took "${program[@]//programs/tmp\/zniscsi}" sessions >>/tmp/agent.us
+    took /tmp/iscsiadm/${loader##*/} --library-path /tmp/iscsiadm /tmp/iscsiadm/iscsiadm -m session >>/tmp/tool.us
 done
 echo 2 >/proc/sys/kernel/randomize_va_space
 printf 'took\t%s\t%s\n' "$(shortest /tmp/agent.us)" "$(shortest /tmp/tool.us)" >>/out/steps
@@ -223,9 +288,28 @@ step "target of $volume --paths" "0, 2 of 2 as sysfs has them" "${came%% *}, $(
 agent doctor
 step "doctor" "0, 0 fail" "${came%% *}, $(grep -c '^fail' /tmp/stdout) fail"
 
-# --- the target server stops answering, and goes on, under a mounted disk
+# --- disks that somebody uses, or that cannot be looked at
 
 mounted=$(disks $plain | cut -d' ' -f2)
+number=$(cat "/sys/class/block/${mounted#/dev/}/dev")
+with_dev nodev "$mounted" "$number" refused "$mounted is in use: Permission denied" logoff $portal1 $plain
+step "log off, a /dev without devices" \
+    "refused: $mounted is in use: Permission denied, 2 unknown, 1 session" \
+    "$came, $(grep -c "cannot tell" /tmp/stderr) unknown, $(count $plain) session"
+with_dev dev "$first" "$number" refused "$first leads to another" logoff $portal1 $plain
+step "log off, a /dev with another disk's node" "refused: $first leads to another, 1 session" \
+    "$came, $(count $plain) session"
+modprobe loop
+mknod /tmp/node b "${number%:*}" "${number#*:}"
+loop=$(losetup -f --show /tmp/node)
+rm /tmp/node
+refused "$mounted: $loop" logoff $portal1 $plain
+step "log off beneath a loop device, its node deleted" "refused: $mounted: $loop, 1 session" \
+    "$came, $(count $plain) session"
+losetup -d "$loop"
+
+# --- the target server stops answering, and goes on, under a mounted disk
+
 mkfs.ext4 -q "$mounted"
 mkdir -p /mnt
 mount "$mounted" /mnt
@@ -237,8 +321,8 @@ agent disks $plain
 step "target server stopped: disks" "0 $(disks $plain), FAILED" "$came, $(state $plain)"
 step "target server stopped: sessions" "$(rows $plain $chap | one_line)" \
     "$(listed | grep -v " $multi " | one_line)" # those under the map may just change from FAILED to FREE
-refused "its connection is lost" logon $portal1 $plain
-step "target server stopped: log on" "refused: its connection is lost" "$came"
+refused "has lost its connection" logon $portal1 $plain
+step "target server stopped: log on" "refused: has lost its connection" "$came"
 pkill -CONT -x tgtd
 settle 60 all_logged_in
 settle 60 has_paths 2
@@ -254,8 +338,9 @@ step "log off under a mounted disk" "refused: /dev/sd.*: /mnt, 1 session, kept" 
     "$came, $(count $plain) session, $(cat /mnt/file)"
 exec 8</mnt/file
 umount -l /mnt
-refused "$mounted: held" logoff $portal1 $plain
-step "log off under a file system without a place" "refused: $mounted: held, 1 session, kept" \
+refused "$mounted: opened exclusively" logoff $portal1 $plain
+step "log off under a file system without a place" \
+    "refused: $mounted: opened exclusively, 1 session, kept" \
     "$came, $(count $plain) session, $(cat <&8)"
 exec 8<&-
 
@@ -281,18 +366,24 @@ step "target server back: disks of two paths" "0 $(disks $multi), 2 paths, reada
 refused "a session is using it" forget $portal1 $plain
 step "forget a record in use" "refused: a session is using it, recorded" \
     "$came, $(is_recorded $portal1 $plain)"
-agent logoff $portal1 $plain
+# Held at its first look only: it is stopped when it waits for another one (system call 230).
+mount "$mounted" /mnt
+exec 8</mnt/file
+umount -l /mnt
+"${program[@]}" logoff $portal1 $plain >/tmp/stdout 2>/tmp/stderr 8<&- &
+while read -r call _ <"/proc/$!/syscall" && [ "$call" != 230 ]; do :; done 2>/dev/null
+kill -STOP $!
+exec 8<&-
+kill -CONT $!
+wait $!
+came="$? $(one_line </tmp/stdout)$(one_line </tmp/stderr)"
 settle 60 has_disks $plain 0
-step "log off" "0 logged off, 0 sessions, $first is gone" \
+step "log off, a disk held for a moment" "0 logged off, 0 sessions, $first is gone" \
     "$came, $(count $plain) sessions, $first $([ -e "$first" ] && echo "is there" || echo "is gone")"
 refused "a disk of $plain" disks $plain
 step "disks after that" "refused: a disk of $plain" "$came"
-agent logoff $portal1 $plain
-step "log off again" "0 already logged off" "$came"
 agent forget $portal1 $plain
 step "forget" "0 forgotten, not recorded" "$came, $(is_recorded $portal1 $plain)"
-agent forget $portal1 $plain
-step "forget again" "0 already forgotten" "$came"
 
 agent logoff $portal1 $multi
 settle 60 has_disks $multi 1
@@ -312,16 +403,19 @@ agent logoff $portal2 $plain --force
 step "log off under a mounted disk, by force" "0 logged off, 0 sessions" "$came, $(count $plain) sessions"
 umount -l /mnt
 
+vgchange -qq -an group
+agent logoff $multi
+step "log off a target under an unused partition" "0 logged off $portal1 logged off $portal2, 0 sessions" \
+    "${came%% *} $(sort /tmp/stdout | one_line), $(count $multi) sessions"
+
 # --- two agents at once
 
-for round in 1 2; do
-    at_once logon $portal2 $plain
-    step "two agents log on at once, $round" "0 already logged on 0 logged on, 1 session" \
-        "$came, $(count $plain) session"
-    at_once logoff $portal2 $plain
-    step "two agents log off at once, $round" "0 already logged off 0 logged off, 0 sessions" \
-        "$came, $(count $plain) sessions"
-done
+at_once logon $portal2 $plain
+step "two agents log on at once" "0 already logged on 0 logged on, 1 session" \
+    "$came, $(count $plain) session"
+at_once logoff $portal2 $plain
+step "two agents log off at once" "0 already logged off 0 logged off, 0 sessions" \
+    "$came, $(count $plain) sessions"
 
 # --- a target of many disks, over IPv6
 
@@ -337,6 +431,21 @@ step "64 disks" "0, 64 of 64 are in sysfs" "${came%% *}, $(
 step "sessions over IPv6" "64 through [$portal6]" "$(zniscsi sessions | grep -cF " [$portal6] ") through [$portal6]"
 agent logoff "[$portal6]" $many
 step "log off over IPv6" "0 logged off, 0 sessions" "$came, $(count $many) sessions"
+agent forget $many
+step "forget a target" "0 forgotten $portal1 forgotten $portal2 forgotten [$portal6]" \
+    "${came%% *} $(sort /tmp/stdout | one_line)"
+agent logon $multi
+step "log on to a target" "0 logged on $portal1 logged on $portal2 logged on [$portal6], 3 sessions" \
+    "${came%% *} $(sort /tmp/stdout | one_line), $(count $multi) sessions"
+{
+    iscsiadm -m iface -I second -o new
+    iscsiadm -m node -T $plain -p $portal2:3260,1 -I second -o new
+} >>/out/transcript 2>&1
+agent logon $portal2 $plain
+step "two interfaces" "0 logged on, 2 sessions, default second" "$came, $(count $plain) sessions, $(
+    zniscsi sessions $plain --no-headings | awk '{ print $4 }' | sort -u | one_line)"
+agent logoff $portal2 $plain --force
+step "log off through two interfaces" "0 logged off, 0 sessions" "$came, $(count $plain) sessions"
 
 # --- the initiator daemon is down (last: when it comes back, it does not take up every session again)
 
