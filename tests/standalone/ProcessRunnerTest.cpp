@@ -398,7 +398,8 @@ void CannotKill()
 {
     LimitTime<5000>();
     Refuse(kPidfdSendSignal, 0);
-    Refuse(SYS_kill, 0);
+    for (const int signal : {SIGTERM, SIGKILL})
+        Refuse(SYS_kill, 0, 1, static_cast<unsigned>(signal), ~0U);
     g_longWaits = 3;
 }
 
