@@ -16,7 +16,7 @@ debian_packages() { # GROUP
 redhat_packages() { # GROUP
     case $1 in
     build) echo gcc-c++ cmake ninja-build boost-devel cli11-devel json-devel ;;
-    tests) echo gtest-devel gmock-devel ;;
+    tests) echo gtest-devel gmock-devel util-linux ;;
     sanitizers) echo libasan libubsan libtsan ;;
     manual) echo scdoc groff-base ;;
     fleet) echo ansible-core ;;

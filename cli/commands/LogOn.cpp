@@ -52,8 +52,7 @@ Answer AnswerLogOn(const std::vector<Session>& sessions, const LibraryCall& call
     call.Fail(
         Cause::SessionFailed,
         {"cannot log on to " + NodeName(request), "session " + std::to_string(session.sid) + state},
-        "check that " + request.portal + " can be reached, or end the session: zniscsi logoff " +
-            request.portal + ' ' + request.iqn);
+        "check that PORTAL can be reached, or end the session: zniscsi logoff PORTAL IQN");
 }
 
 bool RunLogOn(const LibraryCall& call, const Secret* secret)

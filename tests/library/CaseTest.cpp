@@ -265,21 +265,17 @@ void RunCase(const Case& test)
     EXPECT_TRUE(g_host.runs.empty()) << test.name << ": runs left over";
 }
 
-class CaseFile : public testing::TestWithParam<const char*>
+TEST(Library, AnswersAndLogsAsItsCasesSay)
 {
-};
-
-TEST_P(CaseFile, EveryCase)
-{
-    const std::vector<Case> cases = ParseCases(ReadFile(std::string("data/") + GetParam() + ".cases"));
-    EXPECT_FALSE(cases.empty());
-    for (const Case& test : cases)
-        RunCase(test);
+    for (const std::string file :
+         {"instance", "operations", "disks", "targets", "multipath", "sessions"})
+    {
+        SCOPED_TRACE(file);
+        const std::vector<Case> cases = ParseCases(ReadFile("data/" + file + ".cases"));
+        EXPECT_FALSE(cases.empty());
+        for (const Case& test : cases)
+            RunCase(test);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Library, CaseFile,
-                         testing::Values("instance", "operations", "disks", "targets", "multipath",
-                                         "sessions"),
-                         [](const auto& file) { return std::string(file.param); });
 
 } // namespace

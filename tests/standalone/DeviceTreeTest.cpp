@@ -114,7 +114,7 @@ TEST(DeviceTree, LeadsToTheDisks)
         else
             machine->Add(std::istringstream(line));
     }
-    EXPECT_EQ(answers, 43);
+    EXPECT_EQ(answers, 36);
     EXPECT_EQ(machine->Describe(nullptr), "none [] none");
 }
 

@@ -3,6 +3,7 @@
 
 #include "host/ZnProcess.h"
 
+#include <boost/algorithm/string/replace.hpp>
 #include <gmock/gmock-matchers.h>
 #include <gtest/gtest.h>
 
@@ -358,6 +359,16 @@ void LimitDescriptors()
     setrlimit(RLIMIT_NOFILE, &few);
 }
 
+void RefuseStream()
+{
+    Refuse(SYS_dup3, EBUSY, 1, 1, ~0U);
+}
+
+void RefuseStatus()
+{
+    Refuse(SYS_waitid, EPERM, 0, kByPidfd, ~0U);
+}
+
 void ChangeParent()
 {
     znhost::LimitRuns({true, std::nullopt});
@@ -387,7 +398,8 @@ void CannotKill()
 {
     LimitTime<5000>();
     Refuse(kPidfdSendSignal, 0);
-    Refuse(SYS_kill, 0);
+    for (const int signal : {SIGTERM, SIGKILL})
+        Refuse(SYS_kill, 0, 1, static_cast<unsigned>(signal), ~0U);
     g_longWaits = 3;
 }
 
@@ -403,70 +415,57 @@ TEST(ProcessRunner, TellsTheOutcomeOfARun)
 {
     struct Row
     {
-        const char* name;
-        void (*prepare)();
-        const char* command;
+        std::string command; // TOOL is the tool, as below
         std::string outcome; // "<RESULT OUTPUT[ERROR OUTPUT]", or the end of that
+        void (*prepare)() = RefuseNothing;
         int zombies = 0;
     };
-    for (const Row& row : std::initializer_list<Row>{
-             {"shell characters", RefuseNothing,
-              DATA
-              "tool echo $HOME ${HOME} `id` $(id) a;b && || | & >out <in * ? [a] {a,b} ~ ! # \" ' \\ "
-              "%s ^ =\ttab\nline",
-              "<0 "
-              "$HOME\n${HOME}\n`id`\n$(id)\na;b\n&&\n||\n|\n&\n>out\n<in\n*\n?\n[a]\n{a,b}\n~\n!\n#"
-              "\n\"\n'"
-              "\n\\\n%s\n^\n=\ttab\nline\n[]"},
-             {"runs of blanks", RefuseNothing, "  " DATA "tool  echo   one  two ", "<0 one\ntwo\n[]"},
-             {"exit status", RefuseNothing, DATA "tool unknown", "<2 [no such action: unknown\n]"},
-             {"a status alone", RefuseNothing, DATA "tool flood 0 7",
-              "<7 [" DATA "tool: ended with exit status 7 and said nothing]"},
-             {"a signal", RefuseNothing, DATA "tool signal 9",
-              "<137 [" DATA "tool: killed by signal 9]"},
-             {"a signal after words", RefuseNothing, DATA "tool signal 15 bye",
-              "<143 [bye\n" DATA "tool: killed by signal 15]"},
-             {"a signal after a line", RefuseNothing, DATA "tool signal 15 bye\n",
-              "<143 [bye\n" DATA "tool: killed by signal 15]"},
-             {"words at the end", SeeTheEndOnly, DATA "tool flood 1 0",
-              "<0 " + Flood(1, '0') + '[' + Flood(1, ' ') + ']'},
-             {"a daemon that writes", RefuseNothing, DATA "tool flood 0 0 write", "[]"},
-             {"no tool", RefuseNothing, "/no/such/tool secret",
-              "<-1 [cannot run /no/such/tool: No such file or directory]"},
-             {"not executable", RefuseNothing, "/etc/passwd secret",
-              "<-1 [cannot run /etc/passwd: Permission denied]"},
-             {"not a full path", RefuseNothing, "true secret",
-              "<-1 [cannot run true: not a full path]"},
-             {"no word", RefuseNothing, "  ", "<-1 [cannot run a tool: the command line is empty]"},
-             {"no line", RefuseNothing, nullptr, "<-1 [cannot run a tool: the command line is empty]"},
-             {"no descriptors", LimitDescriptors, DATA "tool echo",
-              "<-1 [cannot run " DATA "tool: cannot make a pipe: Too many open files]"},
-             {"no stream", [] { Refuse(SYS_dup3, EBUSY, 1, 1, ~0U); }, DATA "tool echo",
-              "<-1 [cannot run " DATA
-              "tool: cannot give it its standard streams: Device or resource busy]"},
-             {"no parent", ChangeParent, DATA "tool echo",
-              "<-1 [cannot run " DATA "tool: cannot start a process: No such process]"},
-             {"no status", [] { Refuse(SYS_waitid, EPERM, 0, kByPidfd, ~0U); }, DATA "tool echo",
-              ": Operation not permitted]", 1},
-             {"in time", LimitTime<3600000>, DATA "tool echo x", "<0 x\n[]"},
-             {"SIGTERM", LimitTime<5000>, DATA "tool linger",
-              "<-1 [bye\n" DATA "tool: did not end within 5 s]"},
-             {"SIGKILL", InterruptInTime, DATA "tool linger deaf",
-              "<-1 [bye\ndeaf\n" DATA "tool: did not end within 1.05 s]"},
-             {"a flood", LimitTime<500>, DATA "tool linger flood", "did not end within 0.5 s]"},
-             {"without a pidfd", RefusePidfdsInTime, DATA "tool linger", "within 0.1 s]"},
-             {"nothing ends it", CannotKill, DATA "tool linger", "within 5 s]", 1}})
+    const Row rows[] = {
+        {"TOOL echo $HOME ${HOME} `id` $(id) a;b && || | & >out <in * ? [a] {a,b} ~ ! # \" ' \\ %s ^ "
+         "=\ttab\nline",
+         "<0 "
+         "$HOME\n${HOME}\n`id`\n$(id)\na;b\n&&\n||\n|\n&\n>out\n<in\n*\n?\n[a]\n{a,b}\n~\n!\n#\n\"\n'"
+         "\n\\\n%s\n^\n=\ttab\nline\n[]"},
+        {"  TOOL  echo   one  two ", "<0 one\ntwo\n[]"},
+        {"TOOL unknown", "<2 [no such action: unknown\n]"},
+        {"TOOL flood 0 7", "<7 [TOOL: ended with exit status 7 and said nothing]"},
+        {"TOOL signal 9", "<137 [TOOL: killed by signal 9]"},
+        {"TOOL signal 15 bye", "<143 [bye\nTOOL: killed by signal 15]"},
+        {"TOOL signal 15 bye\n", "<143 [bye\nTOOL: killed by signal 15]"},
+        {"TOOL flood 1 0", "<0 " + Flood(1, '0') + '[' + Flood(1, ' ') + ']', SeeTheEndOnly},
+        {"TOOL flood 0 0 write", "[]"},
+        {"/no/tool secret", "<-1 [cannot run /no/tool: No such file or directory]"},
+        {"/etc/passwd secret", "<-1 [cannot run /etc/passwd: Permission denied]"},
+        {"true secret", "<-1 [cannot run true: not a full path]"},
+        {"  ", "<-1 [cannot run a tool: the command line is empty]"},
+        {"TOOL echo", "<-1 [cannot run TOOL: cannot make a pipe: Too many open files]",
+         LimitDescriptors},
+        {"TOOL echo",
+         "<-1 [cannot run TOOL: cannot give it its standard streams: Device or resource busy]",
+         RefuseStream},
+        {"TOOL echo", "<-1 [cannot run TOOL: cannot start a process: No such process]", ChangeParent},
+        {"TOOL echo", "TOOL: Operation not permitted]", RefuseStatus, 1},
+        {"TOOL echo x", "<0 x\n[]", LimitTime<3600000>},
+        {"TOOL linger", "<-1 [bye\nTOOL: did not end within 5 s]", LimitTime<5000>},
+        {"TOOL linger deaf", "<-1 [bye\ndeaf\nTOOL: did not end within 1.05 s]", InterruptInTime},
+        {"TOOL linger flood", "did not end within 0.5 s]", LimitTime<500>},
+        {"TOOL linger", "within 0.1 s]", RefusePidfdsInTime},
+        {"TOOL linger", "within 5 s]", CannotKill, 1}};
+    const auto named = [](const std::string& text) {
+        return boost::replace_all_copy(text, "TOOL", DATA "tool");
+    };
+    for (const Row& row : rows)
     {
-        const auto run = [&row] {
+        const auto run = [&] {
             row.prepare();
-            const Outcome outcome = RunTool(row.command);
-            std::cerr << '<' << outcome.result << ' ' << outcome.output << '[' << outcome.errorOutput
-                      << ']';
+            const auto [result, output, errorOutput] = RunTool(named(row.command).c_str());
+            std::cerr << '<' << result << ' ' << output << '[' << errorOutput << ']';
             _exit(HasChildren() ? 1 : 0);
         };
-        EXPECT_EXIT(run(), testing::ExitedWithCode(row.zombies), testing::EndsWith(row.outcome))
-            << row.name;
+        EXPECT_EXIT(run(), testing::ExitedWithCode(row.zombies), testing::EndsWith(named(row.outcome)))
+            << row.command;
     }
+    EXPECT_EQ(RunTool(nullptr).errorOutput, "cannot run a tool: the command line is empty");
 }
 
 } // namespace
