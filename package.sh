@@ -84,9 +84,9 @@ as_package_manager() {
 }
 # The root has no shell: the packages' scripts run outside it.
 in_dpkg() { as_package_manager dpkg --root="$root" --force-depends,script-chrootless --log=/dev/null "$@"; }
-in_rpm() { as_package_manager rpm --root "$root" --dbpath /var/lib/rpm --nodeps "$@"; }
+in_rpm() { as_package_manager rpm --root "$root" --dbpath /var/lib/rpm "$@"; }
 install_DEB() { in_dpkg -i $packages/*.deb; }
-install_RPM() { in_rpm -U --replacepkgs $packages/*.rpm; }
+install_RPM() { in_rpm -U --nodeps --replacepkgs $packages/*.rpm; }
 remove_DEB() {
     local installed
     mapfile -t installed < <(dpkg-query --admindir="$root/var/lib/dpkg" -W -f '${Package}\n')
@@ -95,7 +95,7 @@ remove_DEB() {
 remove_RPM() {
     local installed
     mapfile -t installed < <(in_rpm -qa)
-    in_rpm -e "${installed[@]}"
+    in_rpm -e --nodeps "${installed[@]}"
 }
 
 in_machine() { simulated/machine --state "$work/state" "$@"; }
@@ -221,5 +221,5 @@ done
 ls $packages/*
 cat <<END
 Proved of both kinds: two builds give the same bytes; installed, used, updated and removed they do what they should;
-hosts are built with them, by hand and by CMake, and run. They need $oldest or later.
+hosts are built with them, by hand and by CMake, and run. They need ${oldest/ / and } or later.
 END
