@@ -20,11 +20,7 @@ else
     build=build/release
     work=build/demo
     install_missing build
-    # The tests need more packages; a build directory of test.sh keeps its tests.
-    without_tests=()
-    [ -e $build/build.ninja ] || without_tests=(-DBUILD_TESTING=OFF)
-    configure release "${without_tests[@]}"
-    build demo
+    build_demo
 fi
 
 # The user's own settings play no part.

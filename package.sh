@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# Makes the RPM and DEB packages in build/packages and tests them: two builds give the same bytes; installed into an
-# empty root the agent works, and hosts can be built and run; an update keeps the settings; removal leaves nothing;
-# lintian and rpmlint report nothing that packaging/ does not answer.
+# Makes a source archive in build/packages, and the RPM and DEB packages from it, as a distribution does, with
+# packaging/zniscsi.spec and packaging/debian/. Tests them: two builds give the same bytes; installed into an empty root
+# the agent works, and hosts can be built and run; every file has its debug information; an update keeps the settings;
+# removal leaves nothing; lintian and rpmlint report nothing that packaging/ does not answer.
 #
 # Exit status: 0 passed, 1 failed, 77 this machine cannot do it (the reason is printed).
 set -euo pipefail
 cd "$(dirname "$(realpath "$0")")"
-umask 022 # CPack copies it into the modes of a DEB's files
 export PATH=$PATH:/usr/sbin:/sbin LC_ALL=C
 
 # shellcheck source=scripts/prepare.sh
@@ -22,9 +22,6 @@ install_missing build manual packages || {
     echo "skipped: not all that makes and proves the packages is here"
     exit 77
 }
-SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH-$(git log -1 --format=%ct 2>/dev/null || stat -c %Y CMakeLists.txt)}
-export SOURCE_DATE_EPOCH
-
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 packages=build/packages
@@ -34,28 +31,44 @@ fail() { # SENTENCE
     exit 1
 }
 
-# Both kinds use one build folder: they differ in the folder of the libraries only, so only the agent is linked again.
-make_packages() { # FOLDER OPTION...
-    local kind libraries
-    rm -f build/package/*.deb build/package/*.rpm
-    mkdir -p "$1" build/log
-    for kind in DEB RPM; do
-        libraries=lib64
-        [ $kind = RPM ] || libraries=lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)
-        configure package -DCMAKE_INSTALL_LIBDIR="$libraries" "${@:2}"
-        build package
-        quietly "cpack-$kind" env -C build/package cpack -G $kind
-    done
-    mv build/package/*.deb build/package/*.rpm "$1"
+# What git knows of this clone, with changes not yet committed; without git, all that is here.
+make_archive() {
+    local state
+    if [ -e .git ] && state=$(git stash create 2>/dev/null); then
+        git archive --prefix="$source/" -o "$archive" "${state:-HEAD}"
+    else
+        tar -czf "$archive" --transform="s,^\.,$source," --exclude=./build --exclude=./.cache --exclude=./.git .
+    fi
 }
 
-rm -rf $packages build/package
-make_packages "$PWD/$packages" -DZN_SIMULATED=ON
-echo "the same from another folder"
-mkdir "$work/again"
-tar -c --exclude=./build --exclude=./.cache --exclude=./.git . | tar -x -C "$work/again"
-(cd "$work/again" && make_packages "$work/packages" -DZN_SIMULATED=OFF)
-diff -r "$packages" "$work/packages" || fail "two builds differ"
+make_RPM() { # DIRECTORY
+    rpmbuild -tb --nodeps --load=packaging/rpm-macros --define="_topdir $1" "$archive"
+    mv "$1"/RPMS/*/*.rpm "$1"
+}
+
+make_DEB() { # DIRECTORY
+    tar -xf "$archive" -C "$1"
+    cp -r "$1/$source/packaging/debian" "$1/$source"
+    (cd "$1/$source" && dpkg-buildpackage -us -uc -b)
+}
+
+echo "making the packages, twice, in different directories"
+version=$(sed -n 's/^project(zniscsi VERSION \([^ ]*\).*/\1/p' CMakeLists.txt)
+source=zniscsi-$version
+archive=$packages/$source.tar.gz
+rm -rf $packages
+mkdir -p $packages
+make_archive
+for directory in one another-one; do
+    mkdir -p "$work/$directory"/{DEB,RPM,made}
+    for kind in DEB RPM; do
+        quietly "make-$kind" make_$kind "$work/$directory/$kind"
+        mv "$work/$directory/$kind"/*."${kind,,}" "$work/$directory/made"
+        rm -rf "${work:?}/$directory/$kind"
+    done
+done
+diff -r "$work/one/made" "$work/another-one/made" || fail "two builds differ"
+mv "$work/one/made"/* $packages
 
 echo "lintian and rpmlint"
 lintian --allow-root --display-info --pedantic --fail-on error,warning,info,pedantic \
@@ -69,14 +82,23 @@ rpmlint --strict --config packaging/rpmlint.toml $packages/*.rpm >"$work/rpmlint
 as_package_manager() {
     if [ "$(id -u)" -eq 0 ]; then "$@"; else unshare -r "$@"; fi
 }
-in_dpkg() { as_package_manager dpkg --root="$root" --force-depends --log=/dev/null "$@"; }
-in_rpm() { as_package_manager rpm --root "$root" --dbpath /var/lib/rpm --nodeps "$@"; }
+# The root has no shell: the packages' scripts run outside it.
+in_dpkg() { as_package_manager dpkg --root="$root" --force-depends,script-chrootless --log=/dev/null "$@"; }
+in_rpm() { as_package_manager rpm --root "$root" --dbpath /var/lib/rpm "$@"; }
 install_DEB() { in_dpkg -i $packages/*.deb; }
-install_RPM() { in_rpm -U --replacepkgs $packages/*.rpm; }
-remove_DEB() { in_dpkg -P zniscsi libzniscsi{,-host,-dev}; }
-remove_RPM() { in_rpm -e zniscsi libzniscsi{,-host,-devel}; }
+install_RPM() { in_rpm -U --nodeps --replacepkgs $packages/*.rpm; }
+remove_DEB() {
+    local installed
+    mapfile -t installed < <(dpkg-query --admindir="$root/var/lib/dpkg" -W -f '${Package}\n')
+    in_dpkg -P "${installed[@]}"
+}
+remove_RPM() {
+    local installed
+    mapfile -t installed < <(in_rpm -qa)
+    in_rpm -e --nodeps "${installed[@]}"
+}
 
-in_machine() { simulated/machine --tools build/package/bin/simulated --state "$work/state" "$@"; }
+in_machine() { simulated/machine --state "$work/state" "$@"; }
 
 agent_says() { # PATTERN ARGUMENT...
     local said
@@ -120,10 +142,14 @@ try_hosts_with_cmake() {
         echo "add_executable(readme_host readme_host.cpp)"
         echo "add_executable(linked_host linked_host.cpp)"
         shown README.md 'find_package(zniscsi'
+        echo "install(TARGETS readme_host linked_host DESTINATION bin)"
     } >"$hosts/CMakeLists.txt"
     quietly hosts-configure cmake -S "$hosts" -B "$hosts" -DCMAKE_PREFIX_PATH="$root/usr"
     quietly hosts-build cmake --build "$hosts" --clean-first
     run_hosts CMake
+    quietly hosts-install cmake --install "$hosts" --prefix "$hosts/installed"
+    mv "$hosts"/installed/bin/* "$hosts"
+    run_hosts "CMake and installed"
 }
 
 run_hosts() { # BUILT-BY
@@ -140,6 +166,7 @@ own_host_says() { # WORDS
     [[ $("$hosts/own_host" /dev/sda 2>&1) == *"$1"* ]] || fail "a host whose libHxUtils.so is wrong is not told: $1"
 }
 
+build_demo # the simulated machine
 root=$work/root
 hosts=$work/hosts
 in_machine true || {
@@ -155,9 +182,11 @@ for kind in DEB RPM; do
     export PKG_CONFIG_PATH
 
     while read -r file; do
-        readelf -n "$file" | grep -q 'Build ID' || fail "$file has no build-id"
+        id=$(readelf -n "$file" | sed -n 's/.*Build ID: //p')
+        [ -e "$root/usr/lib/debug/.build-id/${id:0:2}/${id:2}.debug" ] || fail "no debug package belongs to $file"
         [[ $file != *.so ]] || ! readelf -d "$file" | grep PATH || fail "$file has a search path of its own"
-    done < <(find "$root" -name '*.so' -o -path '*/bin/*' -type f)
+    done < <(find "$root"/usr/{bin,lib*/*} -name debug -prune -o -type f \( -name '*.so' -o -path '*/bin/*' \) -print)
+    oldest=$(tests/oldest-libraries "$root")
 
     agent_says 'Red Hat family Linux, release 9' doctor
     agent_says '^iqn.2025-01.org.example:plain$' discover 192.0.2.10
@@ -182,9 +211,15 @@ for kind in DEB RPM; do
     quietly update-$kind install_$kind
     grep -q '^; mine' "$settings" || fail "an update does not keep the settings"
     cp "$work/settings" "$settings"
+    mkdir -p "$root"/var/log "$root"/run/zniscsi
+    touch "$root"/var/log/zniscsi.log{,.1}
     quietly remove-$kind remove_$kind
     left=$(find "$root" -path "$root/var/lib" -prune -o \( ! -type d -o -path '*zniscsi*' \) -print)
     [ -z "$left" ] || fail "left after removal: $left"
     rm -rf "$root"
 done
 ls $packages/*
+cat <<END
+Proved of both kinds: two builds give the same bytes; installed, used, updated and removed they do what they should;
+hosts are built with them, by hand and by CMake, and run. They need ${oldest/ / and } or later.
+END

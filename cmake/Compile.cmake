@@ -54,7 +54,7 @@ if(ZN_FUZZ)
 endif()
 
 # A shared library, installed in `folder`. The version script `exports` lists its exports.
-function(zn_library name exports folder component)
+function(zn_library name exports folder)
   set(script ${CMAKE_CURRENT_SOURCE_DIR}/${exports})
   add_library(${name} SHARED ${ARGN})
   add_library(zniscsi::${name} ALIAS ${name})
@@ -63,12 +63,12 @@ function(zn_library name exports folder component)
   target_link_libraries(${name} PRIVATE zniscsi-flags)
   target_link_options(${name} PRIVATE -Wl,--version-script=${script})
   set_target_properties(${name} PROPERTIES LINK_DEPENDS ${script})
-  install(TARGETS ${name} EXPORT zniscsi LIBRARY DESTINATION ${folder} COMPONENT ${component})
+  install(TARGETS ${name} EXPORT zniscsi LIBRARY DESTINATION ${folder})
 endfunction()
 
 # A library of the stand-alone host.
 function(zn_host_library name)
-  zn_library(${name} ${name}.map ${host_folder} host ${ARGN})
+  zn_library(${name} ${name}.map ${host_folder} ${ARGN})
   set_target_properties(${name} PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/host)
 endfunction()
 

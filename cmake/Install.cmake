@@ -5,7 +5,7 @@ set(settings_folder ${CMAKE_INSTALL_SYSCONFDIR}/zniscsi)
 if(CMAKE_INSTALL_PREFIX STREQUAL /usr)
   set(settings_folder /etc/zniscsi)
 endif()
-install(FILES standalone/registry.ini.example DESTINATION ${settings_folder} RENAME registry.ini COMPONENT agent)
+install(FILES standalone/registry.ini.example DESTINATION ${settings_folder} RENAME registry.ini)
 
 # The headers of the contract, and the stand-alone host's additions. They include each other by relative paths, so that
 # <zniscsi/interface/ZnISCSI.h> needs no -I.
@@ -30,16 +30,16 @@ foreach(header
     standalone/znlib/ProcessRunner.h
     standalone/znlib/Registry.h)
   get_filename_component(folder ${header} DIRECTORY)
-  install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zniscsi/${folder} COMPONENT devel)
+  install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zniscsi/${folder})
 endforeach()
-install(FILES docs/hosts.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT devel)
+install(FILES docs/hosts.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 # find_package(zniscsi) gives zniscsi::ZnISCSI, the library, and zniscsi::host, the stand-alone host.
 include(CMakePackageConfigHelpers)
 set(config_folder ${CMAKE_INSTALL_LIBDIR}/cmake/zniscsi)
 write_basic_package_version_file(zniscsiConfigVersion.cmake COMPATIBILITY SameMajorVersion)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zniscsiConfigVersion.cmake DESTINATION ${config_folder} COMPONENT devel)
-install(EXPORT zniscsi FILE zniscsiConfig.cmake NAMESPACE zniscsi:: DESTINATION ${config_folder} COMPONENT devel)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zniscsiConfigVersion.cmake DESTINATION ${config_folder})
+install(EXPORT zniscsi FILE zniscsiConfig.cmake NAMESPACE zniscsi:: DESTINATION ${config_folder})
 
 # pkg-config zniscsi gives both. Its prefix is known at the installation only, which can name another one. A packager's
 # directory may be absolute.
@@ -54,6 +54,5 @@ set(pc ${CMAKE_CURRENT_BINARY_DIR}/zniscsi.pc)
 configure_file(cmake/zniscsi.pc.in ${pc}.in @ONLY)
 install(CODE "
   get_filename_component(prefix \"\${CMAKE_INSTALL_PREFIX}\" ABSOLUTE)
-  configure_file(\"${pc}.in\" \"${pc}\" @ONLY)"
-  COMPONENT devel)
-install(FILES ${pc} DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT devel)
+  configure_file(\"${pc}.in\" \"${pc}\" @ONLY)")
+install(FILES ${pc} DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

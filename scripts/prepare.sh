@@ -91,3 +91,12 @@ build() { # BUILD-PRESET OPTION-OF-NINJA...
     echo "building ($1): $steps steps, about $((steps * seconds_per_step / $(nproc) / 10 + 1))0 s"
     counted "build-$1" "${command[@]}" "${@:2}" || show_failure "build-$1" "${command[@]}" "${@:2}"
 }
+
+# The command line and the simulated machine, in build/release. The tests need more packages; a build directory of
+# test.sh keeps its tests.
+build_demo() {
+    local without_tests=()
+    [ -e build/release/build.ninja ] || without_tests=(-DBUILD_TESTING=OFF)
+    configure release "${without_tests[@]}"
+    build demo
+}
