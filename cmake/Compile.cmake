@@ -7,8 +7,8 @@ set(CMAKE_CXX_EXTENSIONS OFF)
 # The library names have no version, and some are common, so they are installed in directories that no loader searches
 # by default. The stand-alone host's four are in one below, host: a program that names the directory of libZnISCSI.so
 # only gets none of them. No library has a RUNPATH: programs name the directories.
-set(library_folder ${CMAKE_INSTALL_LIBDIR}/zniscsi)
-set(host_folder ${library_folder}/host)
+set(library_directory ${CMAKE_INSTALL_LIBDIR}/zniscsi)
+set(host_directory ${library_directory}/host)
 
 # The build directory has the layout of the installed tree, so that both use the same RUNPATH. If CMake had to rewrite
 # it, it would make room with colons, and an empty element means the current directory.
@@ -53,8 +53,8 @@ if(ZN_FUZZ)
   target_compile_options(zniscsi-flags INTERFACE -fsanitize=fuzzer-no-link) # of the libraries, too: the coverage
 endif()
 
-# A shared library, installed in `folder`. The version script `exports` lists its exports.
-function(zn_library name exports folder)
+# A shared library, installed in `directory`. The version script `exports` lists its exports.
+function(zn_library name exports directory)
   set(script ${CMAKE_CURRENT_SOURCE_DIR}/${exports})
   add_library(${name} SHARED ${ARGN})
   add_library(zniscsi::${name} ALIAS ${name})
@@ -63,12 +63,12 @@ function(zn_library name exports folder)
   target_link_libraries(${name} PRIVATE zniscsi-flags)
   target_link_options(${name} PRIVATE -Wl,--version-script=${script})
   set_target_properties(${name} PROPERTIES LINK_DEPENDS ${script})
-  install(TARGETS ${name} EXPORT zniscsi LIBRARY DESTINATION ${folder})
+  install(TARGETS ${name} EXPORT zniscsi LIBRARY DESTINATION ${directory})
 endfunction()
 
 # A library of the stand-alone host.
 function(zn_host_library name)
-  zn_library(${name} ${name}.map ${host_folder} ${ARGN})
+  zn_library(${name} ${name}.map ${host_directory} ${ARGN})
   set_target_properties(${name} PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/host)
 endfunction()
 

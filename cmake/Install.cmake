@@ -1,11 +1,11 @@
 # Installed files other than the targets.
 
 # The settings are read from /etc. With another prefix than /usr this is a file to copy.
-set(settings_folder ${CMAKE_INSTALL_SYSCONFDIR}/zniscsi)
+set(settings_directory ${CMAKE_INSTALL_SYSCONFDIR}/zniscsi)
 if(CMAKE_INSTALL_PREFIX STREQUAL /usr)
-  set(settings_folder /etc/zniscsi)
+  set(settings_directory /etc/zniscsi)
 endif()
-install(FILES standalone/registry.ini.example DESTINATION ${settings_folder} RENAME registry.ini)
+install(FILES standalone/registry.ini.example DESTINATION ${settings_directory} RENAME registry.ini)
 
 # The headers of the contract, and the stand-alone host's additions. They include each other by relative paths, so that
 # <zniscsi/interface/ZnISCSI.h> needs no -I.
@@ -29,17 +29,17 @@ foreach(header
     standalone/znlib/OsDetector.h
     standalone/znlib/ProcessRunner.h
     standalone/znlib/Registry.h)
-  get_filename_component(folder ${header} DIRECTORY)
-  install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zniscsi/${folder})
+  get_filename_component(directory ${header} DIRECTORY)
+  install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zniscsi/${directory})
 endforeach()
 install(FILES docs/hosts.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 # find_package(zniscsi) gives zniscsi::ZnISCSI, the library, and zniscsi::host, the stand-alone host.
 include(CMakePackageConfigHelpers)
-set(config_folder ${CMAKE_INSTALL_LIBDIR}/cmake/zniscsi)
+set(config_directory ${CMAKE_INSTALL_LIBDIR}/cmake/zniscsi)
 write_basic_package_version_file(zniscsiConfigVersion.cmake COMPATIBILITY SameMajorVersion)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zniscsiConfigVersion.cmake DESTINATION ${config_folder})
-install(EXPORT zniscsi FILE zniscsiConfig.cmake NAMESPACE zniscsi:: DESTINATION ${config_folder})
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zniscsiConfigVersion.cmake DESTINATION ${config_directory})
+install(EXPORT zniscsi FILE zniscsiConfig.cmake NAMESPACE zniscsi:: DESTINATION ${config_directory})
 
 # pkg-config zniscsi gives both. Its prefix is known at the installation only, which can name another one. A packager's
 # directory may be absolute.

@@ -1,4 +1,4 @@
-// Tests that need a root folder of their own.
+// Tests that need a root directory of their own.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,7 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-// Makes `root` the root folder of this process. False if that is not allowed here.
+// Makes `root` the root directory of this process. False if that is not allowed here.
 inline bool EnterRoot(const std::filesystem::path& root)
 {
     if (chroot(root.c_str()) == 0)
@@ -28,7 +28,8 @@ inline bool EnterRoot(const std::filesystem::path& root)
     return chroot(root.c_str()) == 0;
 }
 
-// Runs `test`, which returns whether it passed, in a process of its own with `root` as its root folder.
+// Runs `test`, which returns whether it passed, in a process of its own with `root` as its root
+// directory.
 inline void ExpectInRoot(const std::filesystem::path& root, const std::function<bool()>& test)
 {
     constexpr int kNotAllowed = 77;

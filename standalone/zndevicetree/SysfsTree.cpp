@@ -14,7 +14,7 @@
 namespace fs = std::filesystem;
 
 // In this file a device is its entry in class/block: /sys/class/block/sdb, a symbolic link to the
-// device's folder. A missing or unreadable entry throws an exception.
+// device's directory. A missing or unreadable entry throws an exception.
 namespace
 {
 
@@ -52,7 +52,7 @@ fs::path WholeDevice(const fs::path& device)
 {
     if (!fs::exists(device / "partition"))
         return device;
-    // The folder of a partition is in that of its disk: .../block/sdb/sdb1.
+    // The directory of a partition is in that of its disk: .../block/sdb/sdb1.
     return device.parent_path() / fs::canonical(device).parent_path().filename();
 }
 
@@ -80,7 +80,8 @@ public:
         if (!isNew)
             return;
 
-        const fs::path slaves = device / "slaves"; // all whole devices have this folder, and only these
+        const fs::path slaves =
+            device / "slaves"; // all whole devices have this directory, and only these
         fs::directory_iterator slave(slaves);
         if (slave == fs::directory_iterator() &&
             !ReadMapName(device)) // a map without paths is not a disk
@@ -201,7 +202,7 @@ std::optional<fs::path> SysfsTree::FindEntry(const fs::path& place) const
         return std::nullopt;
     if (const auto mapName = After(kMapper, *name))
         return FindMap(*mapName);
-    // /dev/cciss/c0d0 is cciss!c0d0 in sysfs, where names are names of folders.
+    // /dev/cciss/c0d0 is cciss!c0d0 in sysfs, where names are names of directories.
     std::replace(name->begin(), name->end(), '/', '!');
     const fs::path entry = m_block / *name;
     return fs::exists(entry) ? std::optional(entry) : std::nullopt;

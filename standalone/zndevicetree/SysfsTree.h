@@ -19,10 +19,10 @@ public:
     // contains no symbolic link.
     SysfsTree(const std::filesystem::path& sysfs, std::filesystem::path dev);
 
-    // Returns the device that `path` names. Its children are the disks beneath it (see ZnDevice), without
-    // those that were removed from the machine.
+    // Returns the device that `path` names. Its children are the disks beneath it (see ZnDevice),
+    // without those that were removed from the machine.
     //
-    // `path` is /dev/ and the kernel's name, /dev/mapper/NAME, or a symbolic link in any folder that
+    // `path` is /dev/ and the kernel's name, /dev/mapper/NAME, or a symbolic link in any directory that
     // ends at one of these. sysfs decides what exists: device nodes are neither needed nor read, so a
     // node outside `dev` (/chroot/dev/sdb) names no device.
     //

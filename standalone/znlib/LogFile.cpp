@@ -67,11 +67,11 @@ std::string ReadTrustedLink(const std::string& path)
 // Links in /proc, as behind /dev/stderr, lead to an open file and not to the path that they show.
 bool IsInProc(const std::string& link)
 {
-    struct statfs folder
+    struct statfs directory
     {
     };
-    return statfs(link.substr(0, link.rfind('/') + 1).append(".").c_str(), &folder) == 0 &&
-           folder.f_type == PROC_SUPER_MAGIC;
+    return statfs(link.substr(0, link.rfind('/') + 1).append(".").c_str(), &directory) == 0 &&
+           directory.f_type == PROC_SUPER_MAGIC;
 }
 
 // A link that another user planted would make root append to, and rename, a file of that user's choice.

@@ -1,5 +1,5 @@
 # shellcheck shell=sh disable=SC2034,SC2154
-# Variables and functions for the commands of the scenarios. The commands run in the test's folder, as root of the
+# Variables and functions for the commands of the scenarios. The commands run in the test's directory, as root of the
 # simulated machine. No other file may contain a line of a file in given/secrets.
 export ZN_LOG_LEVEL=2 # the log gets everything, so a secret would show there
 log=$ZN_LOG_FILE

@@ -72,7 +72,7 @@ with_dev() {
 
 address_of() { cat "/sys/class/iscsi_connection/connection${1##*session}:0/persistent_address"; }
 
-# sessions IQN [PORTAL]: their folders, in the order in which the tool reports them (1, 10, 2).
+# sessions IQN [PORTAL]: their directories, in the order in which the tool reports them (1, 10, 2).
 sessions() {
     local session
     for session in /sys/class/iscsi_session/session*; do

@@ -21,7 +21,7 @@ namespace fs = std::filesystem;
 namespace
 {
 
-// A machine unpacked into a folder.
+// A machine unpacked into a directory.
 class Machine
 {
 public:
@@ -35,15 +35,15 @@ public:
     {
         std::string kind, name, other;
         line >> kind >> name;
-        const fs::path folder = m_root / "sys/devices" / name;
+        const fs::path directory = m_root / "sys/devices" / name;
         if (kind == "link" && line >> other)
             return AddLink(m_root / "dev" / name, other);
-        AddLink(m_root / "sys/class/block" / folder.filename(), "../../devices/" + name);
-        fs::create_directories(folder / (kind == "partition" ? "partition" : "slaves"));
-        if (kind == "map" && line >> other && fs::create_directory(folder / "dm"))
-            std::ofstream(folder / "dm/name") << other << '\n';
+        AddLink(m_root / "sys/class/block" / directory.filename(), "../../devices/" + name);
+        fs::create_directories(directory / (kind == "partition" ? "partition" : "slaves"));
+        if (kind == "map" && line >> other && fs::create_directory(directory / "dm"))
+            std::ofstream(directory / "dm/name") << other << '\n';
         while (line >> other)
-            AddLink(folder / "slaves" / other, "../../" + other);
+            AddLink(directory / "slaves" / other, "../../" + other);
     }
 
     // "DEVICE [CHILDREN] PARENT", with "none" for a device that is not found. Look-ups that fail add to
