@@ -74,7 +74,8 @@ private:
 
     static std::string Unescaped(std::string text)
     {
-        for (const auto& [escape, character] : {std::pair("\\n", "\n"), std::pair("\\033", "\x1b"), std::pair("\\134", "\\")})
+        for (const auto& [escape, character] :
+             {std::pair("\\n", "\n"), std::pair("\\033", "\x1b"), std::pair("\\134", "\\")})
             for (std::size_t at = 0; (at = text.find(escape, at)) != std::string::npos; ++at)
                 text.replace(at, std::string(escape).size(), character);
         return text;

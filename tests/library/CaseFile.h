@@ -18,8 +18,9 @@
 //     = 0
 //
 // A statement is a line of words. A "quoted word" may contain blanks or be empty; null is a null
-// pointer; @NAME is the text of the file NAME in recorded/; | is the text of the following lines that begin
-// with |, including their line ends. Quoted words and such lines know the escapes \n, \r, \t and \\.
+// pointer; @NAME is the text of the file NAME in recorded/; | is the text of the following lines that
+// begin with |, including their line ends. Quoted words and such lines know the escapes \n, \r, \t and
+// \\.
 //
 // "ask" expects the answer behind " = ", continued on lines indented by two blanks. "call" expects
 // everything that happens, then the answer: the indented lines below it, or below a later call. "why"
