@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Makes a source archive in build/packages, and the RPM and DEB packages from it, as a distribution does, with
 # packaging/zniscsi.spec and packaging/debian/. Tests them: two builds give the same bytes; installed into an empty root
-# the agent works, and hosts can be built and run; every file has its debug information; an update keeps the settings;
+# `zniscsi` works, and hosts can be built and run; every file has its debug information; an update keeps the settings;
 # removal leaves nothing; lintian and rpmlint report nothing that packaging/ does not answer.
 #
 # Exit status: 0 passed, 1 failed, 77 this machine cannot do it (the reason is printed).
@@ -100,7 +100,7 @@ remove_RPM() {
 
 in_machine() { simulated/machine --state "$work/state" "$@"; }
 
-agent_says() { # PATTERN ARGUMENT...
+zniscsi_says() { # PATTERN ARGUMENT...
     local said
     said=$(in_machine env -u ZN_REGISTRY "$root/usr/bin/zniscsi" "${@:2}" 2>&1) || true
     grep -qE "$1" <<<"$said" || fail "zniscsi ${*:2} does not say $1: $said"
@@ -188,10 +188,10 @@ for kind in DEB RPM; do
     done < <(find "$root"/usr/{bin,lib*/*} -name debug -prune -o -type f \( -name '*.so' -o -path '*/bin/*' \) -print)
     oldest=$(tests/oldest-libraries "$root")
 
-    agent_says 'Red Hat family Linux, release 9' doctor
-    agent_says '^iqn.2025-01.org.example:plain$' discover 192.0.2.10
-    agent_says '^logged on$' logon 192.0.2.10 iqn.2025-01.org.example:plain
-    agent_says '^/dev/sd' disks iqn.2025-01.org.example:plain
+    zniscsi_says 'Red Hat family Linux, release 9' doctor
+    zniscsi_says '^iqn.2025-01.org.example:plain$' discover 192.0.2.10
+    zniscsi_says '^logged on$' logon 192.0.2.10 iqn.2025-01.org.example:plain
+    zniscsi_says '^/dev/sd' disks iqn.2025-01.org.example:plain
     for compiler in g++ clang++; do
         for standard in 11 14 17 20; do
             [ "$kind $standard" = "DEB $standard" ] || [ $standard = 17 ] || continue # the headers are the same in both
@@ -203,7 +203,7 @@ for kind in DEB RPM; do
     own_host_says 'undefined symbol: '
     rm "$hosts/own/libHxUtils.so"
     own_host_says 'libHxUtils.so: cannot open shared object file: No such file or directory'
-    agent_says '^logged off$' logoff 192.0.2.10 iqn.2025-01.org.example:plain
+    zniscsi_says '^logged off$' logoff 192.0.2.10 iqn.2025-01.org.example:plain
 
     settings=$root/etc/zniscsi/registry.ini
     cp "$settings" "$work/settings"

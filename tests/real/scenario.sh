@@ -1,5 +1,5 @@
 #!/bin/bash
-# What an administrator does with the agent, against the real initiator and the real target; run by
+# What an administrator does with zniscsi, against the real initiator and the real target; run by
 # guest/init. What a step must show is read from the system itself (sysfs, multipath -ll, the node
 # database), never from the library. /out/steps gets a line a step: step, expected, came.
 # shellcheck source=tests/real/guest/targets
@@ -22,8 +22,8 @@ awk() { busybox awk "$@"; }
 
 one_line() { paste -sd' '; }
 
-# agent ARGUMENT...: runs it; `came` is its exit status and its output, in one line.
-agent() {
+# call ARGUMENT...: runs zniscsi; `came` is its exit status and its output, in one line.
+call() {
     zniscsi "$@" >/tmp/stdout 2>/tmp/stderr
     came=$?
     {
@@ -33,10 +33,10 @@ agent() {
     came="$came $(one_line </tmp/stdout)"
 }
 
-# refused WORDS ARGUMENT...: runs the agent; `came` is "refused: WORDS" when it failed, printed no
+# refused WORDS ARGUMENT...: runs zniscsi; `came` is "refused: WORDS" when it failed, printed no
 # result, and gave its reasons under its own name and with these words ("today's|an old initiator's").
 refused() {
-    agent "${@:2}"
+    call "${@:2}"
     if [ "$came" = "1 " ] && ! grep -qv '^zniscsi: ' /tmp/stderr && grep -qiE "$1" /tmp/stderr; then
         came="refused: $1"
     else
@@ -44,7 +44,7 @@ refused() {
     fi
 }
 
-# at_once ARGUMENT...: two agents with the same arguments; `came` is what both gave, sorted.
+# at_once ARGUMENT...: two zniscsi with the same arguments; `came` is what both gave, sorted.
 at_once() {
     local number
     for number in 1 2; do
@@ -54,7 +54,7 @@ at_once() {
     came=$(sort /tmp/at-once.? | one_line)
 }
 
-# as_user COMMAND...: one of the above, with the agent run by an ordinary user.
+# as_user COMMAND...: one of the above, with zniscsi run by an ordinary user.
 as_user() {
     local program=(setpriv --reuid 12345 --regid 12345 --clear-groups "${program[@]}")
     ZN_LOG_FILE=/dev/null "$@"
@@ -100,7 +100,7 @@ target_of() {
     echo "$(address_of "$session" | sed 's/.*:.*/[&]/') $(cat "$session/targetname")"
 }
 
-# rows IQN...: what the agent has to list for each disk of these targets, sorted.
+# rows IQN...: what zniscsi has to list for each disk of these targets, sorted.
 rows() {
     local iqn disk state
     for iqn; do
@@ -112,18 +112,8 @@ rows() {
     done | sort
 }
 
-# listed: the same, as the agent has it.
+# listed: the same, as zniscsi has it.
 listed() { zniscsi sessions --no-headings | awk '{ print $1, $2, $3, $NF, $6 }' | sort; }
-
-# took COMMAND...: how long it takes, in microseconds.
-took() {
-    local start=${EPOCHREALTIME/./}
-    "$@" >/dev/null 2>&1 || step "timing $*" 0 $?
-    echo $((${EPOCHREALTIME/./} - start))
-}
-
-# shortest FILE: the shortest of the times in it, in milliseconds.
-shortest() { awk 'NR == 1 || $1 < min { min = $1 } END { printf "%.1f", min / 1000 }' "$1"; }
 
 # The node database: Debian has moved it between releases.
 nodes() { find /etc/iscsi /var/lib/iscsi -maxdepth 1 -name nodes 2>/dev/null; }
@@ -143,7 +133,7 @@ printf 'seen\t%s\t%s\n' "$(iscsiadm --version 2>&1 | grep -o '[^ ]*$')" "$(uname
 # --- discovery and log-on
 
 for portal in $portal1 $portal2 "[$portal6]"; do
-    agent discover "$portal"
+    call discover "$portal"
     step "discover $portal" "0 chap many multi plain, 4 recorded" \
         "${came%% *} $(sort /tmp/stdout | one_line), $(recorded "${portal//[][]/}") recorded"
 done
@@ -169,16 +159,16 @@ flock -x 7
 refused "another zniscsi is at work" "${chap_logon[@]}" --timeout 1
 step "log on with CHAP during a discovery" "refused: another zniscsi is at work, 0 sessions" \
     "$came, $(count $chap) sessions"
-agent logon $portal1 $multi
+call logon $portal1 $multi
 step "log on during a discovery" "0 logged on, 1 session" "$came, $(count $multi) session"
-agent logoff $multi
+call logoff $multi
 exec 7>&-
 
 no_tool() { ! pgrep -x iscsiadm; }
 is_free() { flock -n "/run/zniscsi/$1" true; }
 
 pkill -STOP -x tgtd
-agent discover $portal1 --timeout 2 --json
+call discover $portal1 --timeout 2 --json
 step "target server stopped: discover --timeout" "1, timed-out, no tool" \
     "${came%% *}, $(grep -o timed-out /tmp/stdout), $(no_tool && echo no tool)"
 "${program[@]}" discover $portal1 >/dev/null 2>&1 &
@@ -193,14 +183,14 @@ step "target server stopped: log on --timeout" "refused: may still complete, no 
 pkill -CONT -x tgtd
 settle 60 all_logged_in
 
-agent logon $portal1 $plain # the daemon may have completed it
+call logon $portal1 $plain # the daemon may have completed it
 step "log on" "0, 1 session" "${came%% *}, $(count $plain $portal1) session"
-agent disks $plain --wait 30
+call disks $plain --wait 30
 step "disks appear (--wait)" "0 /dev/sd" "${came:0:9}"
 settle 60 has_disks $plain 2
-agent disks $plain
+call disks $plain
 step "disks, as sysfs has them" "0 $(disks $plain)" "$came"
-agent logon $portal1 $plain
+call logon $portal1 $plain
 step "log on again" "0 already logged on, 1 session" "$came, $(count $plain) session"
 refused "No records found" logon 192.0.2.77 $plain
 step "log on where there is no record" "refused: No records found, 1 session" \
@@ -215,56 +205,42 @@ step "CHAP, a wrong secret" "refused: $unauthorized, 0 sessions" "$came, $(count
 for portal in $portal1 $portal2; do
     for _ in 1 2 3; do zniscsi discover "$portal"; done >/dev/null 2>&1 &
 done
-agent "${chap_logon[@]}"
+call "${chap_logon[@]}"
 step "CHAP, the right secret, beside discoveries" "0 logged on, 1 session" "$came, $(count $chap) session"
-agent logoff $portal1 $chap
-agent "${chap_logon[@]}"
+call logoff $portal1 $chap
+call "${chap_logon[@]}"
 step "the same again" "0 logged on, 1 session" "$came, $(count $chap) session"
 wait
 rm /tmp/secret
 
 for portal in "$portal1" "$portal2"; do
-    agent logon "$portal" $multi
+    call logon "$portal" $multi
     step "log on to a volume of two paths, $portal" "0 logged on, 1 session" \
         "$came, $(count $multi "$portal") session"
 done
 settle 60 has_disks $chap 1
 settle 60 has_disks $multi 2
 settle 60 has_paths 2
-agent disks $multi
+call disks $multi
 step "disks of a volume of two paths" "0 $(disks $multi), 2 paths" "$came, $(paths) paths"
 
 # --- disks and targets
 
 for iqn in $plain $chap $multi; do
     for disk in $(disks "$iqn"); do
-        agent target "$disk"
+        call target "$disk"
         step "target of $disk" "0 $(target_of "$disk")" "$came"
     done
 done
 for iqn in $plain $chap; do
-    agent disk "$iqn"
+    call disk "$iqn"
     step "disk of ${iqn##*:}" "0 $(disks "$iqn" | cut -d' ' -f1)" "$came"
 done
-agent disk $multi
+call disk $multi
 step "disk of multi: its map" "0 $map" "$came"
 step "sessions, as sysfs has them" "$(rows $plain $chap $multi | one_line)" "$(listed | one_line)"
-agent sessions --no-headings
+call sessions --no-headings
 step "sessions: the map of two paths" "2 of $map" "$(grep -c " $map " /tmp/stdout) of $map"
-# Both from memory, since the guest's own files come over the 9p protocol. Both at the same addresses each time, since
-# the emulator translates code anew for each new address, which no processor does.
-loader=/lib64/ld-linux-x86-64.so.2
-cp -r /programs /tmp/zniscsi
-mkdir /tmp/iscsiadm
-$loader --list /usr/sbin/iscsiadm | grep -o '/[^ ]*' | xargs cp -t /tmp/iscsiadm /usr/sbin/iscsiadm
-echo 0 >/proc/sys/kernel/randomize_va_space
-for _ in {1..20}; do
-    ZN_LOG_FILE=/tmp/log ZN_LOG_LEVEL=0 took "${program[@]//programs/tmp\/zniscsi}" sessions >>/tmp/agent.us
-    took /tmp/iscsiadm/${loader##*/} --library-path /tmp/iscsiadm /tmp/iscsiadm/iscsiadm -m session >>/tmp/tool.us
-done
-echo 2 >/proc/sys/kernel/randomize_va_space
-printf 'took\t%s\t%s\n' "$(shortest /tmp/agent.us)" "$(shortest /tmp/tool.us)" >>/out/steps
-
 first=$(disks $plain | cut -d' ' -f1)
 echo ',,L' | sfdisk -q "$first"
 settle 60 test -b "${first}1"
@@ -273,19 +249,19 @@ kpartx -a -s -p -part $map
 vgcreate -qq group $map-part1
 lvcreate -qq -y -n volume -l 100%FREE group
 for device in "${first}1" "$(find /dev/disk/by-path -lname "*/${first#/dev/}")"; do
-    agent target "$device"
+    call target "$device"
     step "target of ${device:0:30}" "0 $portal1 $plain" "$came"
 done
 for device in $map "$(readlink -f $map)" $map-part1 $volume; do
-    agent target "$device"
+    call target "$device"
     step "target of $device" "0 $portal1 $multi" "$came"
 done
-agent target $volume --paths --no-headings
+call target $volume --paths --no-headings
 step "target of $volume --paths" "0, 2 of 2 as sysfs has them" "${came%% *}, $(
     awk '{ print $1, $2, $3, $4 }' /tmp/stdout | sort | comm -12 - <(
         for disk in $(disks $multi); do echo "$disk LOGGED_IN $(target_of "$disk")"; done | sort) | wc -l) of $(
     wc -l </tmp/stdout) as sysfs has them"
-agent doctor
+call doctor
 step "doctor" "0, 0 fail" "${came%% *}, $(grep -c '^fail' /tmp/stdout) fail"
 
 # --- disks that somebody uses, or that cannot be looked at
@@ -317,7 +293,7 @@ echo kept >/mnt/file
 sync
 pkill -STOP -x tgtd
 settle 60 none_logged_in
-agent disks $plain
+call disks $plain
 step "target server stopped: disks" "0 $(disks $plain), FAILED" "$came, $(state $plain)"
 step "target server stopped: sessions" "$(rows $plain $chap | one_line)" \
     "$(listed | grep -v " $multi " | one_line)" # those under the map may just change from FAILED to FREE
@@ -327,10 +303,10 @@ pkill -CONT -x tgtd
 settle 60 all_logged_in
 settle 60 has_paths 2
 echo 3 >/proc/sys/vm/drop_caches
-agent disks $plain
+call disks $plain
 step "target server goes on: disks" "0 $(disks $plain), LOGGED_IN, kept" \
     "$came, $(state $plain), $(cat /mnt/file)"
-agent logon $portal1 $plain
+call logon $portal1 $plain
 step "target server goes on: log on" "0 already logged on" "$came"
 refused "/dev/sd.*: /mnt" logoff $portal1 $plain
 echo 3 >/proc/sys/vm/drop_caches
@@ -348,16 +324,16 @@ exec 8<&-
 
 pkill -KILL -x tgtd
 settle 60 none_logged_in
-agent disks $plain
+call disks $plain
 step "target server killed: disks" "0 $(disks $plain)" "$came"
-agent target $volume
+call target $volume
 step "target server killed: target of volume" "0 $portal1 $multi" "$came"
 start_target_server
 settle 60 all_logged_in
 settle 60 has_paths 2
-agent disks $plain
+call disks $plain
 step "target server back: disks" "0 $(disks $plain), readable" "$came, $(read_block "$first")"
-agent disks $multi
+call disks $multi
 step "target server back: disks of two paths" "0 $(disks $multi), 2 paths, readable" \
     "$came, $(paths) paths, $(read_block $volume)"
 
@@ -382,69 +358,69 @@ step "log off, a disk held for a moment" "0 logged off, 0 sessions, $first is go
     "$came, $(count $plain) sessions, $first $([ -e "$first" ] && echo "is there" || echo "is gone")"
 refused "a disk of $plain" disks $plain
 step "disks after that" "refused: a disk of $plain" "$came"
-agent forget $portal1 $plain
+call forget $portal1 $plain
 step "forget" "0 forgotten, not recorded" "$came, $(is_recorded $portal1 $plain)"
 
-agent logoff $portal1 $multi
+call logoff $portal1 $multi
 settle 60 has_disks $multi 1
 settle 60 has_paths 1
 refused "$volume" logoff $portal2 $multi
 step "log off the last path under a volume" "refused: $volume, 1 path" "$came, $(paths) path"
-agent target $volume
+call target $volume
 step "one path logged off: target of volume" "0 $portal2 $multi, 1 path" "$came, $(paths) path"
 # Its sessions no longer follow each other: the report has a target line for each, with its own portal.
-agent logon $portal2 $plain
-agent logon $portal1 $multi
+call logon $portal2 $plain
+call logon $portal1 $multi
 settle 60 has_paths 2
-agent target $volume
+call target $volume
 step "another session between the paths' own" "0 $portal2 $multi, 2 paths" "$came, $(paths) paths"
 mount "$(disks $plain | cut -d' ' -f2)" /mnt
-agent logoff $portal2 $plain --force
+call logoff $portal2 $plain --force
 step "log off under a mounted disk, by force" "0 logged off, 0 sessions" "$came, $(count $plain) sessions"
 umount -l /mnt
 
 vgchange -qq -an group
-agent logoff $multi
+call logoff $multi
 step "log off a target under an unused partition" "0 logged off $portal1 logged off $portal2, 0 sessions" \
     "${came%% *} $(sort /tmp/stdout | one_line), $(count $multi) sessions"
 
-# --- two agents at once
+# --- two zniscsi at once
 
 at_once logon $portal2 $plain
-step "two agents log on at once" "0 already logged on 0 logged on, 1 session" \
+step "two zniscsi log on at once" "0 already logged on 0 logged on, 1 session" \
     "$came, $(count $plain) session"
 at_once logoff $portal2 $plain
-step "two agents log off at once" "0 already logged off 0 logged off, 0 sessions" \
+step "two zniscsi log off at once" "0 already logged off 0 logged off, 0 sessions" \
     "$came, $(count $plain) sessions"
 
 # --- a target of many disks, over IPv6
 
 # What udev does for each disk takes longer than all else together, and no row here needs it.
 udevadm control --stop-exec-queue
-agent logon "[$portal6]" $many
+call logon "[$portal6]" $many
 step "log on over IPv6" "0 logged on, 1 session" "$came, $(count $many $portal6) session"
 settle 60 has_disks $many 64
-agent disks $many
+call disks $many
 step "64 disks" "0, 64 of 64 are in sysfs" "${came%% *}, $(
     comm -12 <(sort /tmp/stdout) <(disks $many | xargs -n 1 | sort) | wc -l) of $(
     wc -l </tmp/stdout) are in sysfs"
 step "sessions over IPv6" "64 through [$portal6]" "$(zniscsi sessions | grep -cF " [$portal6] ") through [$portal6]"
-agent logoff "[$portal6]" $many
+call logoff "[$portal6]" $many
 step "log off over IPv6" "0 logged off, 0 sessions" "$came, $(count $many) sessions"
-agent forget $many
+call forget $many
 step "forget a target" "0 forgotten $portal1 forgotten $portal2 forgotten [$portal6]" \
     "${came%% *} $(sort /tmp/stdout | one_line)"
-agent logon $multi
+call logon $multi
 step "log on to a target" "0 logged on $portal1 logged on $portal2 logged on [$portal6], 3 sessions" \
     "${came%% *} $(sort /tmp/stdout | one_line), $(count $multi) sessions"
 {
     iscsiadm -m iface -I second -o new
     iscsiadm -m node -T $plain -p $portal2:3260,1 -I second -o new
 } >>/out/transcript 2>&1
-agent logon $portal2 $plain
+call logon $portal2 $plain
 step "two interfaces" "0 logged on, 2 sessions, default second" "$came, $(count $plain) sessions, $(
     zniscsi sessions $plain --no-headings | awk '{ print $4 }' | sort -u | one_line)"
-agent logoff $portal2 $plain --force
+call logoff $portal2 $plain --force
 step "log off through two interfaces" "0 logged off, 0 sessions" "$came, $(count $plain) sessions"
 
 # --- the initiator daemon is down (last: when it comes back, it does not take up every session again)
@@ -454,10 +430,10 @@ refused "can not connect to iSCSI daemon" discover $portal1
 step "initiator daemon down: discover" "refused: can not connect to iSCSI daemon" "$came"
 refused "can not connect to iSCSI daemon" logon $portal2 $plain
 step "initiator daemon down: log on" "refused: can not connect to iSCSI daemon" "$came"
-agent disks $multi
+call disks $multi
 step "initiator daemon down: disks" "0 $(disks $multi)" "$came"
 step "initiator daemon down: sessions" "$(rows $multi $chap | one_line)" "$(listed | one_line)"
-agent doctor
+call doctor
 step "initiator daemon down: doctor" "iscsid does not listen" "$(grep -o 'iscsid does not listen' /tmp/stdout)"
 
 # --- the secret: all files written since the guest was started
