@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <memory>
 #include <sstream>
 
 namespace cli
@@ -195,7 +196,7 @@ private:
     void ShowHelp()
     {
         const Command* const command = m_words.empty() ? nullptr : FindCommand(m_words.front());
-        if (command == nullptr && !m_words.empty())
+        if (command == nullptr && !m_words.empty() && m_words.front() != m_help->get_name())
             throw UsageError("there is no such command");
         m_parsed.json = false;
         m_parsed.answer.text =

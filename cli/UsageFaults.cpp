@@ -48,7 +48,8 @@ std::string Propose(const std::string& word)
 // "--wait=5" -> "--wait", "-psecret" -> "-p"
 std::string OptionName(const std::string& argument)
 {
-    const std::size_t end = argument.find_first_not_of("abcdefghijklmnopqrstuvwxyz-");
+    const std::size_t end =
+        argument.find_first_not_of("-0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ_abcdefghijklmnopqrstuvwxyz");
     return argument[1] == '-' ? argument.substr(0, end) : argument.substr(0, 2);
 }
 

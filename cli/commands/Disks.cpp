@@ -30,10 +30,11 @@ bool HasDevice(const std::vector<std::string>& devices, const std::string& devic
     const std::string sentence = "cannot find a disk of " + iqn;
     const std::vector<Session> sessions = SelectSessions(all, iqn);
     if (sessions.empty())
+    {
         RequireShown(sentence, all, iqn);
-    if (sessions.empty())
         call.Fail(Cause::NoSession, {sentence, "there is no session with " + iqn},
                   "log on first: zniscsi logon IQN");
+    }
     const std::vector<std::string> devices = DevicesOf(sessions);
     if (devices.empty())
         call.Fail(Cause::NoDevice, {sentence, "the session has no disk yet; --wait S waits for one"});

@@ -152,10 +152,11 @@ void RequireShown(const std::string& sentence, const std::vector<Session>& sessi
     {
         const bool lacksPortal = session.iqn == iqn && !session.portal;
         if (session.iqn.empty() || lacksPortal)
-            throw Failure(Cause::ToolFailed,
-                          {sentence, std::string("the kernel does not show the ") +
-                                         (lacksPortal ? "portal" : "target") + " of session " +
-                                         std::to_string(session.sid)});
+            throw Failure(Cause::ToolFailed, {sentence,
+                                              std::string("the kernel does not show the ") +
+                                                  (lacksPortal ? "portal" : "target") + " of session " +
+                                                  std::to_string(session.sid),
+                                              "another program may be logging on: try again"});
     }
 }
 
@@ -186,7 +187,10 @@ void FailReportLacks(const LibraryCall& call, const std::string& sentence, const
 void NoteUnknownTarget(const std::string& iqn, const std::vector<NodeRecord>& records,
                        const std::vector<Session>& sessions)
 {
-    if (SelectRecords(records, iqn).empty() && SelectSessions(sessions, iqn).empty())
+    const bool mayBeKnown = std::any_of(sessions.begin(), sessions.end(), [&iqn](const Session& each) {
+        return each.iqn == iqn || each.iqn.empty();
+    });
+    if (SelectRecords(records, iqn).empty() && !mayBeKnown)
         PrintError("note: the initiator knows no target " + iqn);
 }
 

@@ -73,7 +73,10 @@ Obstacles FindObstacles(const Machine& machine, const std::vector<Session>& endi
     const Unclaimed unclaimed = FindUnclaimed(machine, ending);
     for (const std::string& device : unclaimed.devices)
     {
-        const UseAnswer answer = AskUse(machine.kernelNames.at(device));
+        const auto name = machine.kernelNames.find(device);
+        const UseAnswer answer = name == machine.kernelNames.end()
+                                     ? UseAnswer{Use::Unknown, "it was renamed just now"}
+                                     : AskUse(name->second);
         if (answer.use == Use::Exclusive)
             obstacles.exclusive.push_back(device +
                                           ": opened exclusively by the kernel or another program "
@@ -165,12 +168,10 @@ Answer EndSessions(const LibraryCall& call, const std::vector<Session>& ending)
 // By portal: the request that ends sessions, and these.
 using Endings = std::map<std::string, std::pair<Request, std::vector<Session>>>;
 
-Endings GroupByPortal(const Request& request, const Subject& subject,
-                      const std::vector<Session>& ending)
+Endings GroupByPortal(const Request& request, const std::vector<Session>& ending)
 {
     if (!request.portal.empty())
         return {{request.portal, {request, ending}}};
-    RequireShown(subject.Sentence(), ending, request.iqn);
     Endings endings;
     for (const Session& session : ending)
     {
@@ -200,7 +201,9 @@ Answer LogOff(const Request& request)
     }
     RequireNoObstacle(look.obstacles, subject);
 
-    const Endings endings = GroupByPortal(request, subject, ending);
+    if (request.portal.empty())
+        RequireShown(subject.Sentence(), look.sessions, request.iqn);
+    const Endings endings = GroupByPortal(request, ending);
     std::vector<Request> requests;
     for (const auto& [portal, each] : endings)
         requests.push_back(each.first);

@@ -136,7 +136,7 @@ Answer LogOn(const Request& request)
     Answer answer = AnswerEach(call, requests, [&](std::size_t index) {
         const Node& node = nodes[index];
         const std::vector<Session> sessions = FindSessions(node);
-        someWereLoggedOn = someWereLoggedOn || !sessions.empty();
+        someWereLoggedOn = someWereLoggedOn || AnyIsLoggedIn(sessions);
         if (!sessions.empty())
             return AnswerLogOn(sessions, call, false);
         if (!isNeeded)

@@ -30,11 +30,14 @@ std::optional<bool> IsInUse(const NodeRecord& record, const std::vector<Session>
     bool isKnown = true;
     for (const Session& session : sessions)
     {
-        if (session.iqn == record.iqn && PortalOf(session) == FormatPortal(record.portal))
+        if (session.iqn != record.iqn && !session.iqn.empty())
+            continue;
+        if (session.iqn.empty() || !session.portal)
+            isKnown = false;
+        else if (FormatPortal(*session.portal) == FormatPortal(record.portal))
             return true;
-        const bool isComparable =
-            session.portal && HasAddress(*session.portal) == HasAddress(record.portal);
-        isKnown = isKnown && !session.iqn.empty() && (session.iqn != record.iqn || isComparable);
+        else if (session.portal->port == record.portal.port)
+            isKnown = isKnown && HasAddress(*session.portal) && HasAddress(record.portal);
     }
     return isKnown ? std::optional(false) : std::nullopt;
 }

@@ -1,4 +1,5 @@
 #include "cli/commands/Commands.h"
+#include "cli/commands/LibraryCall.h"
 #include "cli/kernel/DiskUsers.h"
 #include "cli/terminal/Table.h"
 
@@ -70,7 +71,12 @@ Json ObjectOf(const Entry& entry)
 std::vector<Session> SelectFor(const Request& request, const std::vector<Session>& sessions)
 {
     if (!request.iqn.empty())
-        return SelectSessions(sessions, request.iqn);
+    {
+        const std::vector<Session> selected = SelectSessions(sessions, request.iqn);
+        if (selected.empty())
+            RequireShown("cannot list the sessions of " + request.iqn, sessions, request.iqn);
+        return selected;
+    }
     if (request.device.empty())
         return sessions;
     const std::vector<std::string> wanted = FindDisksBeneath(request.device);

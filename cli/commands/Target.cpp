@@ -66,12 +66,16 @@ TargetLook LookForTarget(const LibraryCall& call)
     if (look.disks.empty())
         call.Fail(Cause::NoDevice, {sentence, "there is no block device " + device});
     std::set<std::string> iqns;
+    std::vector<Session> sessions;
     for (const Path& path : look.paths)
+    {
         iqns.insert(path.session.iqn);
+        sessions.push_back(path.session);
+    }
     if (iqns.empty())
         call.Fail(Cause::NoSession, {sentence, "no session presents it"});
-    for (const Path& path : look.paths)
-        RequireShown(sentence, {path.session}, *iqns.begin());
+    if (iqns.size() == 1 || iqns.count("") != 0)
+        RequireShown(sentence, sessions, *iqns.begin());
     if (iqns.size() == 1)
         FailReportLacks(call, sentence, look.paths.front().disk.device);
     std::vector<std::string> reasons{sentence,
@@ -92,7 +96,7 @@ Answer ListPaths(const Request& request, const std::vector<Path>& paths)
                         {"state", session.state},
                         {"disk_state", disk.state},
                         {"portal", TextOrNull(portal)},
-                        {"iqn", session.iqn}});
+                        {"iqn", TextOrNull(session.iqn)}});
     }
     return {FormatTable({"DEVICE", "STATE", "PORTAL", "IQN"}, rows, !request.noHeadings),
             {{"paths", json}}};

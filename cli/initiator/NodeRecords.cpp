@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <iterator>
 #include <sstream>
+#include <utility>
 
 #include <unistd.h>
 
@@ -24,9 +25,9 @@ Initiator::Initiator(unsigned long long jobId) : m_instance(GetInstance())
 
 // 192.0.2.10:3260,1 iqn.2025-01.org.example:chap
 // [2001:db8::10]:3260,1 iqn.2025-01.org.example:chap
-std::optional<std::vector<NodeRecord>> ParseNodeRecords(const std::string& report)
+NodeReport ParseNodeReport(const std::string& report)
 {
-    std::vector<NodeRecord> records;
+    NodeReport parsed;
     std::istringstream lines(report);
     for (std::string line; std::getline(lines, line);)
     {
@@ -35,11 +36,12 @@ std::optional<std::vector<NodeRecord>> ParseNodeRecords(const std::string& repor
         if (!(words >> address))
             continue;
         const std::optional<Portal> portal = ParsePortal(address);
-        if (!portal || !(words >> iqn))
-            return std::nullopt;
-        records.push_back({*portal, iqn});
+        if (portal && words >> iqn)
+            parsed.records.push_back({*portal, iqn});
+        else if (parsed.strangeLine.empty())
+            parsed.strangeLine = line;
     }
-    return records;
+    return parsed;
 }
 
 std::optional<std::vector<NodeRecord>> RunNodeReport()
@@ -56,11 +58,12 @@ std::optional<std::vector<NodeRecord>> RunNodeReport()
     std::string output, errorOutput;
     if (ZnProcess::system(kNodeReport, &output, &errorOutput, 0, false) == 0)
     {
-        auto records = ParseNodeRecords(output);
-        if (!records)
-            log.DebugLvl(words::kOwnTag, -1, "cannot understand the report of %s: %.200s", kNodeReport,
-                         output.c_str());
-        return records;
+        NodeReport report = ParseNodeReport(output);
+        if (report.strangeLine.empty())
+            return std::move(report.records);
+        log.DebugLvl(words::kOwnTag, -1, "cannot understand the report of %s: %s", kNodeReport,
+                     report.strangeLine.c_str());
+        return std::nullopt;
     }
     // An ordinary user's tool finds none where it may not look.
     if (geteuid() == 0 && errorOutput.find(words::kNoRecord) != std::string::npos)

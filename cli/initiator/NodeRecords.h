@@ -41,8 +41,14 @@ struct NodeRecord
     std::string iqn;
 };
 
-// Parses the output of "iscsiadm -m node". Nothing if a line is no record.
-std::optional<std::vector<NodeRecord>> ParseNodeRecords(const std::string& report);
+struct NodeReport
+{
+    std::vector<NodeRecord> records{};
+    std::string strangeLine{}; // the first that is no record; empty if all are
+};
+
+// Parses the output of "iscsiadm -m node".
+NodeReport ParseNodeReport(const std::string& report);
 
 // Runs the tool and returns its node records, or nothing if it fails; the log has the reason.
 std::optional<std::vector<NodeRecord>> RunNodeReport();

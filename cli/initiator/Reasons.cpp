@@ -3,6 +3,7 @@
 #include "host/BeginsWith.h"
 
 #include <algorithm>
+#include <iterator>
 #include <sstream>
 #include <utility>
 

@@ -41,8 +41,9 @@ UseAnswer AskUse(const std::string& name)
     const std::string node = DevicePath(name);
     struct stat status = {};
     if (stat(node.c_str(), &status) != 0)
-        return {Use::Unknown, LastError()};
-    // In a /dev of its own, for example that of a container.
+        return {Use::Unknown, LastError() + " (" + node + ')'};
+    // In a /dev of its own, for example that of a container. (A plain file counts as the node: a /dev
+    // without devices has such ones.)
     const std::string number = FormatNumber(status.st_rdev);
     if (S_ISBLK(status.st_mode) && ReadAttribute("/sys/class/block/" + name + "/dev") != number)
         return {Use::Unknown, node + " leads to another device, " + number};
@@ -50,7 +51,7 @@ UseAnswer AskUse(const std::string& name)
         return {Use::None};
     if (errno == EBUSY)
         return {Use::Exclusive};
-    return {Use::Unknown, LastError()};
+    return {Use::Unknown, LastError() + " (" + node + ')'};
 }
 
 LoopAnswer AskLoop(const std::string& device)

@@ -24,8 +24,8 @@ struct UseAnswer
 };
 
 // Asks by opening the device with the kernel name `name` exclusively, through the kernel's own node:
-// the link in /dev/mapper is made later than its map. Unknown if that node is missing, or leads to
-// another device. Blocks while the device does not work.
+// the link in /dev/mapper is made later than its map. Unknown if that node is missing, or is that
+// of another device. Blocks while the device does not work.
 UseAnswer AskUse(const std::string& name);
 
 struct LoopAnswer

@@ -119,17 +119,11 @@ private:
         }
     }
 
-    // Whether the array serves the path, if it has asymmetric access (ALUA). Otherwise the attribute
-    // cannot be read.
+    // Whether the array serves the path, if it has asymmetric access (ALUA).
     static bool IsServed(const std::string& unit)
-    try
     {
         const auto access = ReadAttribute(unit + "/access_state");
         return access != "unavailable" && access != "offline";
-    }
-    catch (const std::runtime_error&)
-    {
-        return true;
     }
 
     // A loop device keeps its disk open without being stacked on it. sysfs has the name of the disk

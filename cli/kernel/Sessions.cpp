@@ -106,15 +106,17 @@ std::optional<Session> ReadSession(const std::string& sysfs, const std::string& 
                     ParseHost(ReadLink(attributes))};
     // The last one: what lacks above is not because the session has ended.
     const auto state = ReadAttribute(attributes + "/state");
-    session.state = state.value_or("");
-    return state ? std::optional(session) : std::nullopt;
+    if (!state)
+        return std::nullopt;
+    session.state = *state;
+    return session;
 }
 
 } // namespace
 
 std::vector<Session> ReadSessions(const std::string& root)
 {
-    if (access((root + "/sys/class").c_str(), F_OK) != 0 && errno == ENOENT)
+    if (access((root + "/sys/class").c_str(), F_OK) != 0 && (errno == ENOENT || errno == ENOTDIR))
         throw std::runtime_error("cannot look at the sessions: sysfs is not mounted on /sys");
     std::vector<Session> sessions;
     for (const std::string& name : ListDirectory(root + "/sys/class/iscsi_session"))

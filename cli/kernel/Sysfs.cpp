@@ -10,6 +10,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include <dirent.h>
 #include <unistd.h>
@@ -19,10 +20,8 @@ namespace cli
 
 std::optional<std::string> ReadAttribute(const std::string& attribute)
 {
-    const std::optional<std::string> text = znlib::ReadTextFile(attribute);
-    if (!text || *text == "(null)\n")
-        return std::nullopt;
-    return text->substr(0, text->find('\n'));
+    std::optional<std::string> line = znlib::ReadAttributeLine(attribute);
+    return line == "(null)" ? std::nullopt : std::move(line);
 }
 
 // opendir: std::filesystem makes a path of each name, and /proc may have thousands.

@@ -1,6 +1,6 @@
-// Reads sysfs and /proc: attributes, directories and links. What is not there, or vanishes while it is
-// read, is an empty answer. The functions throw std::runtime_error, "cannot read FILE: REASON", if
-// anything cannot be read for another reason.
+// Reads sysfs and /proc: attributes, directories and links. Unless said otherwise, what is not there,
+// or vanishes while it is read, is an empty answer. The functions throw std::runtime_error, "cannot
+// read FILE: REASON", if anything cannot be read for another reason.
 //
 // Thread-safety: the functions share nothing.
 #pragma once

@@ -5,24 +5,19 @@
 #include <array>
 #include <cerrno>
 #include <stdexcept>
+#include <system_error>
 
 #include <fcntl.h>
 
 namespace
 {
 
-[[noreturn]] void Throw(const std::string& file, const std::string& reason)
-{
-    throw std::runtime_error("cannot read " + file + ": " + reason);
-}
-
 // Returns nothing if errno means that there is no such file. Throws otherwise.
 std::nullopt_t NothingOrThrow(const std::string& file)
 {
-    // ENODEV: sysfs removed the device after the attribute was opened. EINVAL: device-mapper does that
-    // now.
-    if (errno != ENOENT && errno != ENOTDIR && errno != ENODEV && errno != EINVAL)
-        Throw(file, std::generic_category().message(errno));
+    // ENODEV: sysfs removed the device after the attribute was opened.
+    if (errno != ENOENT && errno != ENOTDIR && errno != ENODEV)
+        throw std::system_error(errno, std::generic_category(), "cannot read " + file);
     return std::nullopt;
 }
 
@@ -45,6 +40,20 @@ std::optional<std::string> znlib::ReadTextFile(const std::string& file, std::siz
             return text;
         text.append(chunk.data(), static_cast<std::size_t>(count));
         if (text.size() > maxBytes)
-            Throw(file, "longer than " + std::to_string(maxBytes) + " bytes");
+            throw std::runtime_error("cannot read " + file + ": longer than " +
+                                     std::to_string(maxBytes) + " bytes");
     }
+}
+
+std::optional<std::string> znlib::ReadAttributeLine(const std::string& attribute)
+try
+{
+    const std::optional<std::string> text = ReadTextFile(attribute);
+    return text ? std::optional(text->substr(0, text->find('\n'))) : std::nullopt;
+}
+catch (const std::system_error& error)
+{
+    if (error.code() != std::errc::invalid_argument) // device-mapper is removing the device
+        throw;
+    return std::nullopt;
 }

@@ -16,4 +16,8 @@ namespace znlib
 // than `maxBytes`.
 std::optional<std::string> ReadTextFile(const std::string& file, std::size_t maxBytes = 1 << 20);
 
+// Returns the first line of an attribute in sysfs, or nothing if there is no such attribute or its
+// device is being removed. Throws as above.
+std::optional<std::string> ReadAttributeLine(const std::string& attribute);
+
 } // namespace znlib

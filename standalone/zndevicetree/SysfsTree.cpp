@@ -34,8 +34,7 @@ std::optional<std::string> ReadMapName(const fs::path& device)
 {
     if (!After("dm-", device.filename()))
         return std::nullopt;
-    const std::optional<std::string> line = znlib::ReadTextFile(device / "dm/name");
-    return line ? std::optional(line->substr(0, line->find('\n'))) : std::nullopt;
+    return znlib::ReadAttributeLine(device / "dm/name");
 }
 
 // The path of the device for hosts.

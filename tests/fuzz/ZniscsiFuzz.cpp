@@ -49,7 +49,7 @@ void TryRequest(const std::string& text)
         RequirePortal(*portal);
     for (const auto findFault : {FindPortalFault, FindIqnFault, FindDeviceFault})
         Require(!findFault(text).empty() || (IsOneWord(text) && text.front() != '-'));
-    for (const NodeRecord& record : ParseNodeRecords(text).value_or(std::vector<NodeRecord>()))
+    for (const NodeRecord& record : ParseNodeReport(text).records)
         RequirePortal(record.portal);
 }
 
