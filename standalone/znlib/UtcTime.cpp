@@ -7,19 +7,43 @@
 #include <cstdio>
 #include <ctime>
 
-void znlib::AppendUtcTime(std::string& line)
+namespace
+{
+
+// The time up to the second, which many lines of a thread share.
+struct Second
+{
+    std::time_t second;
+    std::array<char, 64> text; // "2026-11-23T14:20:05"
+};
+
+void Format(Second& formatted, std::time_t second)
 {
     constexpr long kDay = 24L * 60 * 60;
     constexpr long kFirstDayOf1970 = 2440588; // Julian day number
+    const auto date = boost::gregorian::gregorian_calendar::from_day_number(
+        static_cast<std::uint32_t>(kFirstDayOf1970 + second / kDay));
+    const long ofDay = second % kDay;
+    static_cast<void>(std::snprintf(formatted.text.data(), formatted.text.size(),
+                                    "%04d-%02d-%02dT%02ld:%02ld:%02ld", static_cast<int>(date.year),
+                                    static_cast<int>(date.month), static_cast<int>(date.day),
+                                    ofDay / 3600, ofDay / 60 % 60, ofDay % 60));
+    formatted.second = second;
+}
+
+} // namespace
+
+void znlib::AppendUtcTime(std::string& line)
+{
+    thread_local Second last{-1, {}};
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    const auto date = boost::gregorian::gregorian_calendar::from_day_number(
-        static_cast<std::uint32_t>(kFirstDayOf1970 + now.tv_sec / kDay));
-    const long second = now.tv_sec % kDay;
-    std::array<char, 128> text{};
-    static_cast<void>(std::snprintf(text.data(), text.size(), "%04d-%02d-%02dT%02ld:%02ld:%02ld.%03ldZ",
-                                    static_cast<int>(date.year), static_cast<int>(date.month),
-                                    static_cast<int>(date.day), second / 3600, second / 60 % 60,
-                                    second % 60, now.tv_nsec / 1'000'000));
-    line += text.data();
+    if (now.tv_sec != last.second)
+        Format(last, now.tv_sec);
+    const long thousandth = now.tv_nsec / 1'000'000;
+    line += last.text.data();
+    line += '.';
+    for (const long unit : {100, 10, 1})
+        line += static_cast<char>('0' + thousandth / unit % 10);
+    line += 'Z';
 }
