@@ -207,10 +207,10 @@ for portal in $portal1 $portal2; do
 done
 call "${chap_logon[@]}"
 step "CHAP, the right secret, beside discoveries" "0 logged on, 1 session" "$came, $(count $chap) session"
+wait # a later discovery takes the secret out of the record
 call logoff $portal1 $chap
 call "${chap_logon[@]}"
 step "the same again" "0 logged on, 1 session" "$came, $(count $chap) session"
-wait
 rm /tmp/secret
 
 for portal in "$portal1" "$portal2"; do
