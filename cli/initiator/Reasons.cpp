@@ -89,11 +89,13 @@ std::string NextStepOf(const Explanation& explanation, const Request& request)
 }
 
 // Whether an ordinary user's tool may have failed for want of rights: it finds no record where it may
-// not look, and a signal ends it when the daemon does not listen to it.
+// not look, cannot lock its database, and a signal ends it when the daemon does not listen to it.
 bool SaysLittle(const Explanation* known, const LoggedReasons& logged)
 {
-    return known == std::end(kExplanations) ? AnyContains(logged.toolLines, "iscsiadm: ")
-                                            : known->cause == Cause::NoRecord;
+    if (known != std::end(kExplanations))
+        return known->cause == Cause::NoRecord;
+    return AnyContains(logged.toolLines, "iscsiadm: ") ||
+           AnyContains(logged.toolLines, "iSCSI ERROR: ");
 }
 
 // Puts the values of the request in the place of PORTAL and IQN.
