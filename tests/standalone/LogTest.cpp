@@ -21,6 +21,7 @@
 #include <memory>
 #include <sstream>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <fcntl.h>
@@ -198,16 +199,24 @@ TEST_F(Log, SettingsComeFromTheRegistryAndTheEnvironment)
 
 TEST_F(Log, IsRotatedBeforeItExceedsItsLimit)
 {
-    for (const std::size_t excess : {0U, 1U})
-    {
-        Run({{"ZN_LOG_MAX_SIZE", "10000"}}, [&] {
-            Write(1);
-            fs::resize_file(m_file, 10000 - fs::file_size(m_file) + excess);
-            Write(1);
-        });
-        EXPECT_EQ(fs::exists(m_older), excess == 1);
-        fs::remove(m_file);
-    }
+    const std::tuple<std::size_t, const char*, const char*> limits[] = {
+        {10000, "10000", "[Log]\nMaxSize = 1\n"},
+        {20000, nullptr, "[Log]\nMaxSize = 20000\n"},
+        {10U << 20U, nullptr, ""}};
+    for (const auto& [limit, variable, registry] : limits)
+        for (const std::size_t excess : {0U, 1U})
+        {
+            std::ofstream(m_registry) << registry;
+            Run({}, [&, bytes = limit + excess, size = variable] {
+                size == nullptr ? unsetenv("ZN_LOG_MAX_SIZE") : setenv("ZN_LOG_MAX_SIZE", size, 1);
+                Write(1);
+                fs::resize_file(m_file, bytes - fs::file_size(m_file));
+                Write(1);
+            });
+            EXPECT_EQ(fs::exists(m_older), excess == 1) << limit;
+            fs::remove(m_file);
+            fs::remove(m_older);
+        }
     for (const bool isOneCall : {false, true})
     {
         Run({{"ZN_LOG_MAX_SIZE", "10000"}}, [&] {
