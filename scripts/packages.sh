@@ -9,7 +9,7 @@ debian_packages() { # GROUP
     fleet) echo ansible-core ;;
     lint) echo shellcheck clang-tidy ;;
     bench) echo gnuplot-nox strace ;;
-    packages) echo clang debhelper dpkg-dev elfutils file lintian pkg-config rpm rpmlint ;;
+    packages) echo build-essential clang debhelper dpkg-dev elfutils file lintian pkg-config rpm rpmlint ;;
     esac
 }
 

@@ -72,7 +72,7 @@ std::vector<Session> SelectFor(const Request& request, const std::vector<Session
 {
     if (!request.iqn.empty())
     {
-        const std::vector<Session> selected = SelectSessions(sessions, request.iqn);
+        std::vector<Session> selected = SelectSessions(sessions, request.iqn);
         if (selected.empty())
             RequireShown("cannot list the sessions of " + request.iqn, sessions, request.iqn);
         return selected;
